@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// Timers. A timer runs once, in softirq context, when `jiffies` reaches its expiry; it may be set
+// again from its own function. All calls are safe in any context and from several processors at
+// once, except del_timer_sync(), which waits and must not be called from softirq context or with a
+// lock held that the timer's function takes.
+//
+// A pending timer's expiry changes only through these functions.
+#pragma once
+
+#include "kernel/list.h"
+#include "kernel/types.h"
+
+struct timer_list {
+  list_head entry;  ///< linked while pending; both links null otherwise
+  u32 expires;      ///< jiffies
+  void (*function)(unsigned long data);
+  unsigned long data;
+};
+
+extern "C" {
+void setup_timer(timer_list* timer, void (*function)(unsigned long data),
+                 unsigned long data) noexcept;
+/// Starts a timer that is not pending at its `expires`.
+void add_timer(timer_list* timer) noexcept;
+/// Sets the expiry, starting the timer if need be. 1 when it was pending, else 0.
+int mod_timer(timer_list* timer, u32 expires) noexcept;
+/// Sets the expiry of a pending timer only. 1 when it was pending, else 0.
+int mod_timer_pending(timer_list* timer, u32 expires) noexcept;
+/// Stops a pending timer. 1 when it was pending, else 0. Its function may still be running.
+int del_timer(timer_list* timer) noexcept;
+/// The same, and waits for a running function to end.
+int del_timer_sync(timer_list* timer) noexcept;
+}
+
+[[nodiscard]] inline bool timer_pending(const timer_list* timer) noexcept {
+  return read_once(timer->entry.next) != nullptr;
+}
