@@ -1,0 +1,14 @@
+#!/bin/sh
+# SPDX-License-Identifier: GPL-2.0-only
+# clang-tidy over the product's sources, with the compile commands of the release build.
+set -eu
+cd "$(dirname "$0")/.."
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! run-clang-tidy -quiet -j 2 -p build/release "^$PWD/(module|kernel|stack|ports|app)/.*\.cpp\$" \
+    >"$log" 2>/dev/null; then
+  grep -E -A 3 '(warning|error):' "$log" || cat "$log"
+  exit 1
+fi
+echo "clang-tidy: $(grep -c '^clang-tidy' "$log") files, nothing found"
