@@ -7,4 +7,4 @@ cd "$(dirname "$0")/.."
 scripts/install.sh build run
 echo "Building (preset release)"
 scripts/build.sh release
-ctest --preset release
+ctest --preset release --output-log build/release/tests.log
