@@ -11,6 +11,12 @@
 // A new connection belongs to its first packet until that packet passes local_in() or
 // post_routing(), which confirms it: only then is it in the table. So a packet that is dropped on
 // its way leaves no connection behind.
+//
+// Dropped are packets with a wrong checksum, a cut transport header or impossible flags, ICMP
+// errors about no connection, and what can begin none. A TCP connection that is already going on
+// may be picked up by a plain ACK, as after a restart of the router, unless it would have to be
+// translated: which ports it had is lost. It must be heard from both sides before it is remembered
+// for longer than minutes.
 #pragma once
 
 #include <functional>
@@ -30,7 +36,8 @@ enum class track_verdict : u8 {
 struct conntrack_statistics {
   u64 connections;  ///< in the table now
   u64 made;
-  u64 refused;  ///< the table was full
+  u64 refused;         ///< the table was full
+  u64 untranslatable;  ///< no port was free, or another connection has the same answers
 };
 
 class connection_tracker {

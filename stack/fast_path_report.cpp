@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "stack/fast_path_report.h"
+
+#include "kernel/fast_path.h"
+#include "kernel/rcupdate.h"
+#include "tarvelo/ct_ext.h"
+
+namespace tarvelo::stack {
+namespace {
+
+/// The published handle, held for the life of the object; may be null.
+class published_handle {
+ public:
+  published_handle() noexcept {
+    rcu_read_lock();
+    handle_ = rcu_dereference(kcih);
+  }
+  ~published_handle() { rcu_read_unlock(); }
+  published_handle(const published_handle&) = delete;
+  published_handle& operator=(const published_handle&) = delete;
+
+  [[nodiscard]] explicit operator bool() const noexcept { return handle_ != nullptr; }
+  [[nodiscard]] vok_handle* get() const noexcept { return handle_; }
+  vok_handle* operator->() const noexcept { return handle_; }
+
+ private:
+  vok_handle* handle_;
+};
+
+void clear_flags(vok_ct_ext* ext, u32 bits) noexcept {
+  __atomic_fetch_and(&ext->flags, ~bits, __ATOMIC_RELAXED);
+}
+
+void clear_device(net_device*& slot, const net_device* dev) noexcept {
+  if (read_once(slot) == dev) write_once(slot, static_cast<net_device*>(nullptr));
+}
+
+}  // namespace
+
+void fast_path_attach(nf_conn* ct) noexcept {
+  const published_handle handle;
+  if (!handle) return;
+  // Its only failure is want of memory, which leaves the connection as good as one that is slow.
+  static_cast<void>(handle->_vok_nf_conntrack_ext_alloc(ct));
+}
+
+void fast_path_forget(nf_conn* ct) noexcept {
+  const published_handle handle;
+  if (!handle) return;
+  handle->_ip_conntrack_ipct_delete(handle.get(), ct);
+  if (ct->vok_ext != nullptr) handle->_vok_nf_conntrack_ext_free(ct);
+}
+
+void fast_path_take_off(nf_conn* ct) noexcept {
+  if (ct->vok_ext == nullptr) return;
+  const published_handle handle;
+  if (!handle) return;
+  handle->_ip_conntrack_ipct_delete(handle.get(), ct);
+  clear_flags(ct->vok_ext, ct_ext_flag::direction_marks);
+}
+
+void fast_path_report(sk_buff* skb, nf_inet_hooks hook,
+                      const nf_conntrack_tuple* translated) noexcept {
+  const published_handle handle;
+  if (!handle) return;
+  const bool reply_leaves =
+      hook == NF_INET_POST_ROUTING && skb->nfctinfo == IP_CT_ESTABLISHED_REPLY;
+  if (reply_leaves) skb->fast_flags |= fast_flag::add_as_reply;
+  handle->_ip_conntrack_ipct_add(handle.get(), skb, hook, nf_ct_of(skb->nfct), skb->nfctinfo,
+                                 translated);
+  skb->fast_flags &= ~fast_flag::add_as_reply;
+}
+
+bool fast_path_names_device(const nf_conn* ct, const net_device* dev) noexcept {
+  const vok_ct_ext* ext = ct->vok_ext;
+  if (ext == nullptr) return false;
+  return read_once(ext->dev) == dev || read_once(ext->vlan[0].real_dev) == dev ||
+         read_once(ext->vlan[1].real_dev) == dev;
+}
+
+void fast_path_forget_device(nf_conn* ct, const net_device* dev) noexcept {
+  vok_ct_ext* ext = ct->vok_ext;
+  if (ext == nullptr) return;
+  clear_device(ext->dev, dev);
+  for (vok_ct_ext_vlan& slot : ext->vlan)
+    clear_device(slot.real_dev, dev);
+}
+
+}  // namespace tarvelo::stack
