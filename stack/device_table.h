@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// The router's devices and the addresses it has on them.
+//
+// Filled while the router is built and constant from then on, so packet workers read it without a
+// lock. The table does not own the devices; the router takes them away before the table goes.
+// Addresses are in network byte order.
+#pragma once
+
+#include <memory>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "kernel/netdevice.h"
+#include "stack/config.h"
+
+namespace tarvelo::stack {
+
+/// How frames look on a device, and so how they are received and sent.
+enum class device_kind : u8 {
+  port,   ///< Ethernet
+  rawip,  ///< IP packets without a link-layer header
+};
+
+struct device_record {
+  net_device* dev;
+  device_kind kind;
+  std::vector<ipv4_prefix> addresses;  ///< the first is the device's main one
+};
+
+/// The mask of a prefix length, network order.
+[[nodiscard]] constexpr u32 ipv4_mask(u8 length) noexcept {
+  return length == 0 ? 0 : wire::htonl(0xFFFFFFFFU << (32 - length));
+}
+
+[[nodiscard]] constexpr bool in_prefix(u32 address, const ipv4_prefix& prefix) noexcept {
+  return ((address ^ prefix.address) & ipv4_mask(prefix.length)) == 0;
+}
+
+class device_table {
+ public:
+  /// Enters a registered device.
+  void add(net_device* dev, device_kind kind, std::vector<ipv4_prefix> addresses);
+
+  /// Null for a device that is not the router's.
+  [[nodiscard]] const device_record* find(const net_device* dev) const noexcept;
+  [[nodiscard]] net_device* by_name(std::string_view name) const noexcept;
+  [[nodiscard]] const std::vector<std::unique_ptr<device_record>>& all() const noexcept {
+    return records_;
+  }
+
+  /// True for an IPv4 address of any device of the router.
+  [[nodiscard]] bool is_own(u32 address) const noexcept { return own_.contains(address); }
+
+  /// The device's address that `peer` knows best: the one in its subnet, else the main one; 0 when
+  /// the device has none.
+  [[nodiscard]] u32 source_address(const net_device* dev, u32 peer) const noexcept;
+
+ private:
+  std::vector<std::unique_ptr<device_record>> records_;
+  std::vector<const device_record*> by_index_;  ///< by ifindex
+  std::unordered_set<u32> own_;
+};
+
+}  // namespace tarvelo::stack

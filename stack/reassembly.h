@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// Reassembly of IPv4 fragments (RFC 791, 815), before connection tracking: the tracker and the
+// rules need the transport header, which only the first fragment has.
+//
+// What an attacker could do with it, and what stops him:
+//   - fill memory with datagrams that never become whole: the number of datagrams and the memory of
+//     the held buffers are bounded, and what is not whole after 30 s goes;
+//   - hide a header under a second fragment: any overlap ends the datagram (RFC 5722 says so for
+//     IPv6); only an exact repetition, which networks do make, is passed over;
+//   - poison another's datagram from another interface: the device is part of the key;
+//   - build a datagram longer than 65535 bytes: ends the datagram.
+//
+// The pieces of a datagram do not overlap and none is empty, so it is whole when their lengths add
+// up to the end that the last fragment gave.
+//
+// Guarded by the stack's lock. One timer serves all: every datagram has the same time, so they
+// expire in the order in which they began.
+#pragma once
+
+#include <compare>
+#include <list>
+#include <map>
+#include <vector>
+
+#include "kernel/jiffies.h"
+#include "kernel/skbuff.h"
+#include "kernel/timer.h"
+#include "stack/config.h"
+#include "stack/router.h"
+
+namespace tarvelo::stack {
+
+class reassembly_table {
+ public:
+  /// Jiffies from a datagram's first arrival to the loss of what has come of it.
+  static constexpr u32 lifetime = 30 * HZ;
+
+  explicit reassembly_table(const limits& bounds);
+  ~reassembly_table() { clear(); }
+  reassembly_table(const reassembly_table&) = delete;
+  reassembly_table& operator=(const reassembly_table&) = delete;
+
+  struct result {
+    sk_buff* datagram;        ///< the caller's; null while there is none
+    receive_verdict verdict;  ///< of the fragment, when there is none
+  };
+  /// Takes a fragment: `data` at its checked IP header, `len` cut to it, `network_header` set. A
+  /// datagram that it completes is a new linear buffer with the same three properties, no longer
+  /// marked as a fragment, with headroom for any encapsulation.
+  [[nodiscard]] result add(sk_buff* skb);
+
+  /// Frees what is held and stops the timer; process context, stack's lock not held.
+  void clear();
+
+  /// Fragments and datagrams turned away because a bound was reached.
+  [[nodiscard]] u64 refused() const noexcept { return refused_; }
+
+ private:
+  struct key {
+    u32 saddr;
+    u32 daddr;
+    u16 id;
+    u8 protocol;
+    int ifindex;
+    auto operator<=>(const key&) const = default;
+  };
+  /// A fragment's place in the datagram's data, in bytes; [start, end).
+  struct piece {
+    u32 start;
+    u32 end;
+    sk_buff* skb;
+  };
+  struct datagram {
+    key id;
+    u32 deadline;               ///< jiffies
+    u32 total;                  ///< bytes of data, 0 until the last fragment is there
+    u32 held;                   ///< bytes of data that are there
+    std::vector<piece> pieces;  ///< by start
+  };
+  using place = std::list<datagram>::iterator;
+  enum class insertion : u8 {
+    taken,
+    repeated,     ///< exactly what is there already
+    conflicting,  ///< the datagram cannot be put together
+    no_room,
+  };
+
+  [[nodiscard]] place find_or_begin(const key& id);
+  [[nodiscard]] insertion insert(datagram& into, const piece& what, bool last);
+  [[nodiscard]] result finish(place whole);
+  void forget(place which);
+  void rearm();
+  void expire();
+  static void timer_function(unsigned long data);
+
+  const u32 max_datagrams_;
+  const u32 max_bytes_;
+  std::list<datagram> datagrams_;  ///< in the order of their deadlines
+  std::map<key, place> index_;
+  u32 bytes_ = 0;  ///< of memory in held buffers
+  u64 refused_ = 0;
+  timer_list timer_{};
+};
+
+}  // namespace tarvelo::stack
