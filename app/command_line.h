@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// The command's arguments, and the command as a function of them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tarvelo::app {
+
+struct run_options {
+  std::string config;
+  std::string module;  ///< empty: the module that was installed with the command
+};
+
+struct replay_options {
+  std::string config;
+  std::string module;
+  std::vector<std::string> inputs;    ///< DEVICE=CAPTURE
+  std::vector<std::string> settings;  ///< NAME=TEXT
+  std::string out;
+};
+
+/// Does what the arguments say, reports every error as one line on standard error, and returns the
+/// exit status.
+int run_command(int argc, const char* const* argv);
+
+/// "KEY=VALUE" taken apart at the first '='.
+struct assignment {
+  std::string key;
+  std::string value;
+};
+/// Throws input_error naming `option` when there is no '=' or no key.
+[[nodiscard]] assignment parse_assignment(const std::string& option, const std::string& text);
+
+}  // namespace tarvelo::app
