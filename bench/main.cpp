@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// tarvelo-bench: nanoseconds a packet for each subject, with the number of connections swept, the
+// ratio of the fast to the slow path, and the memory figures.
+//
+//   tarvelo-bench [google-benchmark's options]
+//   tarvelo-bench --count SUBJECT CONNECTIONS PACKETS
+//
+// The second form only feeds the packets, for a run under callgrind that collects inside
+// measured_batch(); scripts/bench.sh does that.
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+
+#include "bench/memory.h"
+#include "bench/subject.h"
+#include "kernel/jiffies.h"
+
+namespace {
+
+using namespace tarvelo::bench;
+
+void run_benchmark(benchmark::State& state, const subject_kind& kind, std::size_t count) {
+  const auto connections = make_connections(count);
+  const auto measured = kind.make(connections);
+  feeder feed(*measured, connections);
+  std::size_t packets = 0;
+  for ([[maybe_unused]] auto _ : state) {
+    feed.prepare();
+    const auto start = std::chrono::steady_clock::now();
+    feed.feed();
+    const auto end = std::chrono::steady_clock::now();
+    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
+    packets += feeder::batch_frames;
+  }
+  using benchmark::Counter;
+  state.counters["per_packet"] =
+      Counter(static_cast<double>(packets), Counter::kIsRate | Counter::kInvert);
+}
+
+std::string row_name(const subject_kind& kind, std::size_t count) {
+  return kind.name + "/" + std::to_string(count);
+}
+
+/// Shows the rows and keeps the time of each.
+class keeping_reporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.run_type == Run::RT_Iteration)
+        times_[run.run_name.function_name] = run.GetAdjustedRealTime();
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  void print_ratio(const std::string& slow, const std::string& fast) const {
+    const auto s = times_.find(slow);
+    const auto f = times_.find(fast);
+    if (s == times_.end() || f == times_.end()) return;
+    std::printf("routed IPv4: the fast path takes 1/%.1f of the slow path's time (%s, %s)\n",
+                s->second / f->second, fast.c_str(), slow.c_str());
+  }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+int measure(int argc, char** argv) {
+  for (const subject_kind& kind : subjects()) {
+    for (const std::size_t count : kind.connections) {
+      benchmark::RegisterBenchmark(row_name(kind, count).c_str(), [&kind,
+                                                                   count](benchmark::State& state) {
+        run_benchmark(state, kind, count);
+      })->UseManualTime();
+    }
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return EXIT_FAILURE;
+  keeping_reporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.print_ratio("router_slow/1000", "router_fast/1000");
+  print_memory();
+  return EXIT_SUCCESS;
+}
+
+int count_only(const std::string& name, std::size_t count, std::size_t packets) {
+  for (const subject_kind& kind : subjects()) {
+    if (kind.name != name) continue;
+    const auto connections = make_connections(count);
+    const auto measured = kind.make(connections);
+    feeder feed(*measured, connections);
+    for (std::size_t done = 0; done < packets; done += feeder::batch_frames) {
+      feed.prepare();
+      feed.feed();
+    }
+    return EXIT_SUCCESS;
+  }
+  wrong("no subject \"" + name + "\"");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  kernel_clock::start_at(0);
+  if (argc == 5 && std::strcmp(argv[1], "--count") == 0) {
+    return count_only(argv[2], std::stoul(argv[3]), std::stoul(argv[4]));
+  }
+  return measure(argc, argv);
+}
