@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// Incremental Internet checksums (RFC 1624). Sums are ones'-complement sums of 16-bit words, which
+// need no byte swapping: everything here is the stored bytes read as native words.
+//
+// A change of a field is a partial sum: the complement of the old value plus the new one. Partial
+// sums are congruent to the change and never 0, so several of them may be added before the result
+// is folded into a stored checksum once.
+#pragma once
+
+#include "kernel/wire/endian.h"
+
+namespace tarvelo {
+
+/// The sum of two words, folded to 16 bits and not complemented.
+[[nodiscard]] constexpr u32 vok_do_csum(const u32 (&words)[2]) {
+  u32 sum = words[0] + words[1];
+  if (sum < words[0]) ++sum;
+  for (int fold = 0; fold < 3; ++fold)
+    sum = (sum >> 16) + (sum & 0xFFFF);
+  return sum & 0xFFFF;
+}
+
+/// The partial sum of a field that changes from `before` to `after`; a 16-bit field is extended
+/// with zeroes.
+[[nodiscard]] constexpr u32 checksum_change(u32 before, u32 after) {
+  return vok_do_csum({~before, after});
+}
+
+/// A stored checksum after `change`, the sum of up to 0xFFFF partial sums.
+[[nodiscard]] constexpr u16 checksum_changed(u16 stored, u32 change) {
+  u32 sum = (~u32{stored} & 0xFFFF) + change;
+  sum = (sum >> 16) + (sum & 0xFFFF);
+  sum = (sum >> 16) + (sum & 0xFFFF);
+  return static_cast<u16>(~sum);
+}
+
+/// The same for UDP, where a stored 0 means that the datagram carries no checksum: it stays 0, and
+/// a sum that comes out as 0 is stored as 0xFFFF, which is the same number.
+[[nodiscard]] constexpr u16 udp_checksum_changed(u16 stored, u32 change) {
+  if (stored == 0) return 0;
+  const u16 changed = checksum_changed(stored, change);
+  return changed != 0 ? changed : 0xFFFF;
+}
+
+}  // namespace tarvelo

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "module/forward/entry.h"
+
+#include "module/core/counters.h"
+#include "module/core/memory.h"
+#include "module/forward/bridged.h"
+#include "module/forward/frame.h"
+#include "module/forward/routed.h"
+
+namespace tarvelo {
+namespace {
+
+constexpr int consumed = 0;
+constexpr int not_consumed = -1;
+
+fate forward_classified(vok_handle* ci, sk_buff* skb, const frame& f) {
+  if (!f.pushed) {
+    if ((skb->data[0] & wire::mac_group_bit) != 0) return fate::group_destination;
+    count_one(ethernet_packet);
+    bridge_pair pair;
+    if (find_bridge_pair(ci, skb, f, &pair)) return forward_bridged(ci, skb, f, pair);
+  }
+  if (f.ip != family::ipv4) return fate::ipv6;
+  return forward_routed(ci, skb, f);
+}
+
+}  // namespace
+
+fate forward_frame(vok_handle* ci, sk_buff* skb) {
+  if (ci == nullptr || skb == nullptr) return fate::no_input;
+  frame f;
+  fate result = classify(skb, &f);
+  if (result == fate::forward) result = forward_classified(ci, skb, f);
+
+  if (result == fate::drop) {
+    plat_skb_free(skb);
+  } else if (is_handed_back(result) && f.pushed) {
+    skb_pull(skb, wire::ethernet_length);
+  }
+  return result;
+}
+
+int _vok_forward(vok_handle* ci, sk_buff* skb, unsigned long) {
+  return is_handed_back(forward_frame(ci, skb)) ? not_consumed : consumed;
+}
+
+int _vok_forward_eth_protocol(vok_handle* ci, sk_buff* skb, unsigned long arg) {
+  if (ci == nullptr || skb == nullptr) return not_consumed;
+  if (skb_headroom(skb) < wire::ethernet_length) return not_consumed;
+  const u16 mac_header = skb->mac_header;
+  skb_push(skb, wire::ethernet_length);
+  if (_vok_forward(ci, skb, arg) == consumed) return consumed;
+  skb_pull(skb, wire::ethernet_length);
+  skb->mac_header = mac_header;
+  return not_consumed;
+}
+
+}  // namespace tarvelo

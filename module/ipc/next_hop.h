@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// The way out of a packet that is about to be added: the device of its route and the MAC addresses
+// that its frames will carry.
+#pragma once
+
+#include "kernel/netdevice.h"
+#include "kernel/skbuff.h"
+#include "kernel/wire/ip.h"
+
+namespace tarvelo {
+
+struct next_hop {
+  net_device* dev;
+  u8 dmac[wire::mac_length];
+  u8 smac[wire::mac_length];
+};
+
+/// Finds the way out of a packet for `destination` (its translated one where that is already known;
+/// network byte order). Attaches a route to a packet that has none. False when the packet is not
+/// plainly forwarded or the next hop's hardware address is not known; softirq context.
+[[nodiscard]] bool find_next_hop(sk_buff* skb, const wire::iphdr* ip, u32 destination,
+                                 next_hop* hop);
+
+}  // namespace tarvelo
