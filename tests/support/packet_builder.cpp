@@ -5,44 +5,11 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "tests/support/naive_checksum.h"
-
 namespace tarvelo::test {
 namespace {
 
-// Field offsets that the builder fills in or breaks.
-constexpr std::size_t ipv4_tos = 1;
-constexpr std::size_t ipv4_length = 2;
-constexpr std::size_t ipv4_id = 4;
-constexpr std::size_t ipv4_fragment = 6;
-constexpr std::size_t ipv4_ttl = 8;
-constexpr std::size_t ipv4_protocol = 9;
-constexpr std::size_t ipv4_checksum = 10;
-constexpr std::size_t ipv4_addresses = 12;
-constexpr std::size_t ipv6_payload_length = 4;
-constexpr std::size_t ipv6_next_header = 6;
-constexpr std::size_t ipv6_hop_limit = 7;
-constexpr std::size_t ipv6_addresses = 8;
-constexpr std::size_t pppoe_payload_length = 4;
-constexpr std::size_t pppoe_protocol = 6;
-constexpr std::size_t tcp_data_offset = 12;
-constexpr std::size_t tcp_flags = 13;
-constexpr std::size_t tcp_checksum = 16;
-constexpr std::size_t udp_datagram_length = 4;
-constexpr std::size_t udp_checksum = 6;
-constexpr std::size_t icmp_checksum = 2;
-
 constexpr u8 default_ttl = 64;
 constexpr u16 default_window = 0x2000;
-
-void put16(bytes& data, std::size_t at, u16 host) {
-  data[at] = static_cast<u8>(host >> 8);
-  data[at + 1] = static_cast<u8>(host);
-}
-
-u16 get16(const bytes& data, std::size_t at) {
-  return static_cast<u16>(data[at] << 8 | data[at + 1]);
-}
 
 template <typename Header>
 std::span<const u8> bytes_of(const Header& header) {
@@ -56,7 +23,7 @@ packet& packet::push(kind what, std::span<const u8> header) {
   return *this;
 }
 
-packet::layer& packet::last(std::initializer_list<kind> kinds) {
+packet_layer& packet::last(std::initializer_list<kind> kinds) {
   for (auto it = layers_.rbegin(); it != layers_.rend(); ++it) {
     if (std::find(kinds.begin(), kinds.end(), it->what) != kinds.end()) return *it;
   }
@@ -142,6 +109,46 @@ packet& packet::icmp(u8 icmp_type, u8 code, u16 id_value, u16 sequence) {
   return push(kind::icmp, bytes_of(header));
 }
 
+packet& packet::gre(u16 call, u32 sequence, std::optional<u32> acknowledgement) {
+  bytes header = from_hex("3001 880B 0000");
+  append16(header, call);
+  append32(header, sequence);
+  if (acknowledgement) {
+    constexpr u8 acknowledgement_present = 0x80;
+    header[1] = static_cast<u8>(header[1] | acknowledgement_present);
+    append32(header, *acknowledgement);
+  }
+  return push(kind::gre, header);
+}
+
+packet& packet::l2tp(u16 first_word, u16 tunnel, u16 session, u16 sequence) {
+  constexpr u16 sequence_present = 0x0800;
+  bytes header;
+  append16(header, first_word);
+  if ((first_word & l2tp_length_present) != 0) append16(header, 0);
+  append16(header, tunnel);
+  append16(header, session);
+  if ((first_word & sequence_present) != 0) {
+    append16(header, sequence);
+    append16(header, 0);
+  }
+  return push(kind::l2tp, header);
+}
+
+packet& packet::ppp(ppp_framing framing) {
+  switch (framing) {
+    case ppp_framing::full:
+      return raw(from_hex("FF03 0021"));
+    case ppp_framing::without_address:
+      return raw(from_hex("0021"));
+    case ppp_framing::compressed:
+      return raw(from_hex("21"));
+    case ppp_framing::compressed_address:
+      return raw(from_hex("FF03 21"));
+  }
+  return *this;
+}
+
 packet& packet::raw(std::span<const u8> data) {
   return push(kind::raw, data);
 }
@@ -158,7 +165,7 @@ packet& packet::payload(std::string_view text) {
 }
 
 packet& packet::type(u16 value) {
-  layer& l = last({kind::eth, kind::vlan, kind::pppoe, kind::ipv4, kind::ipv6});
+  packet_layer& l = last({kind::eth, kind::vlan, kind::pppoe, kind::ipv4, kind::ipv6});
   l.type_given = true;
   if (l.what == kind::ipv4) {
     l.header[ipv4_protocol] = static_cast<u8>(value);
@@ -171,13 +178,13 @@ packet& packet::type(u16 value) {
 }
 
 packet& packet::ttl(u8 value) {
-  layer& l = last({kind::ipv4, kind::ipv6});
+  packet_layer& l = last({kind::ipv4, kind::ipv6});
   l.header[l.what == kind::ipv4 ? ipv4_ttl : ipv6_hop_limit] = value;
   return *this;
 }
 
 packet& packet::tos(u8 value) {
-  layer& l = last({kind::ipv4, kind::ipv6});
+  packet_layer& l = last({kind::ipv4, kind::ipv6});
   if (l.what == kind::ipv4) {
     l.header[ipv4_tos] = value;
   } else {
@@ -219,15 +226,15 @@ packet& packet::version_ihl(u8 value) {
 }
 
 packet& packet::total_length(u16 value) {
-  layer& l = last({kind::ipv4, kind::ipv6});
+  packet_layer& l = last({kind::ipv4, kind::ipv6});
   l.length_given = true;
   put16(l.header, l.what == kind::ipv4 ? ipv4_length : ipv6_payload_length, value);
   return *this;
 }
 
 packet& packet::ip_checksum(u16 value) {
-  layer& l = last({kind::ipv4});
-  l.checksum = sum::given;
+  packet_layer& l = last({kind::ipv4});
+  l.checksum = sum_source::given;
   put16(l.header, ipv4_checksum, value);
   return *this;
 }
@@ -252,15 +259,15 @@ packet& packet::data_offset(u8 words) {
 }
 
 packet& packet::udp_length(u16 value) {
-  layer& l = last({kind::udp});
+  packet_layer& l = last({kind::udp});
   l.length_given = true;
   put16(l.header, udp_datagram_length, value);
   return *this;
 }
 
 packet& packet::l4_checksum(u16 value) {
-  layer& l = last({kind::tcp, kind::udp, kind::icmp});
-  l.checksum = sum::given;
+  packet_layer& l = last({kind::tcp, kind::udp, kind::icmp});
+  l.checksum = sum_source::given;
   const std::size_t at = l.what == kind::tcp   ? tcp_checksum
                          : l.what == kind::udp ? udp_checksum
                                                : icmp_checksum;
@@ -269,7 +276,7 @@ packet& packet::l4_checksum(u16 value) {
 }
 
 packet& packet::partial_checksum() {
-  last({kind::tcp, kind::udp}).checksum = sum::partial;
+  last({kind::tcp, kind::udp}).checksum = sum_source::partial;
   return *this;
 }
 
@@ -283,153 +290,11 @@ packet& packet::truncate(std::size_t length) {
   return *this;
 }
 
-/// Completes the headers of a frame, innermost first. `start` is where a layer begins; it reaches
-/// to the end of the frame, for padding comes later.
-struct packet::finisher {
-  const std::vector<layer>& layers;
-  std::vector<std::size_t> start;
-  bytes frame;
-
-  [[nodiscard]] u16 length_from(std::size_t i) const {
-    return static_cast<u16>(frame.size() - start[i]);
-  }
-  [[nodiscard]] std::span<const u8> rest_from(std::size_t i) const {
-    return std::span(frame).subspan(start[i]);
-  }
-
-  void write_type(std::size_t i);
-  void write_length(std::size_t i);
-  void write_transport_checksum(std::size_t i, std::size_t field, u8 protocol);
-  void write_checksum(std::size_t i);
-};
-
-void packet::finisher::write_type(std::size_t i) {
-  const layer& l = layers[i];
-  if (l.type_given || i + 1 == layers.size()) return;
-  struct names {
-    u16 ethertype;
-    u16 ppp;
-    u8 protocol;
-  };
-  const auto name = [](kind inner) -> names {
-    switch (inner) {
-      case kind::vlan:
-        return {wire::ethertype::vlan, 0, 0};
-      case kind::pppoe:
-        return {wire::ethertype::pppoe_session, 0, 0};
-      case kind::arp:
-        return {wire::ethertype::arp, 0, 0};
-      case kind::ipv4:
-        return {wire::ethertype::ipv4, wire::ppp_protocol::ipv4, 4};
-      case kind::ipv6:
-        return {wire::ethertype::ipv6, wire::ppp_protocol::ipv6, 41};
-      case kind::tcp:
-        return {0, 0, wire::ip_protocol::tcp};
-      case kind::udp:
-        return {0, 0, wire::ip_protocol::udp};
-      case kind::icmp:
-        return {0, 0, wire::ip_protocol::icmp};
-      case kind::eth:
-      case kind::raw:
-        break;
-    }
-    return {0, 0, 0};
-  }(layers[i + 1].what);
-  const std::size_t end = start[i] + l.header.size();
-  switch (l.what) {
-    case kind::eth:
-    case kind::vlan:
-      put16(frame, end - sizeof name.ethertype, name.ethertype);
-      break;
-    case kind::pppoe:
-      put16(frame, start[i] + pppoe_protocol, name.ppp);
-      break;
-    case kind::ipv4:
-      frame[start[i] + ipv4_protocol] = name.protocol;
-      break;
-    case kind::ipv6:
-      frame[start[i] + ipv6_next_header] = name.protocol;
-      break;
-    default:
-      break;
-  }
-}
-
-void packet::finisher::write_length(std::size_t i) {
-  if (layers[i].length_given) return;
-  const u16 length = length_from(i);
-  switch (layers[i].what) {
-    case kind::ipv4:
-      put16(frame, start[i] + ipv4_length, length);
-      break;
-    case kind::ipv6:
-      put16(frame, start[i] + ipv6_payload_length, static_cast<u16>(length - wire::ipv6_length));
-      break;
-    case kind::pppoe:
-      put16(frame, start[i] + pppoe_payload_length, static_cast<u16>(length - pppoe_protocol));
-      break;
-    case kind::udp:
-      put16(frame, start[i] + udp_datagram_length, length);
-      break;
-    default:
-      break;
-  }
-}
-
-void packet::finisher::write_transport_checksum(std::size_t i, std::size_t field, u8 protocol) {
-  std::size_t ip = i;
-  while (ip > 0 && layers[ip].what != kind::ipv4 && layers[ip].what != kind::ipv6)
-    --ip;
-  const bool v4 = layers[ip].what == kind::ipv4;
-  if (!v4 && layers[ip].what != kind::ipv6) throw std::logic_error("transport layer without IP");
-  const auto addresses = v4 ? rest_from(ip).subspan(ipv4_addresses, 2 * sizeof(u32))
-                            : rest_from(ip).subspan(ipv6_addresses, 2 * sizeof(wire::in6_addr));
-  naive_sum sum_of_all = pseudo_header(addresses, protocol, length_from(i));
-  if (layers[i].checksum == sum::partial) {
-    put16(frame, start[i] + field, static_cast<u16>(~sum_of_all.checksum()));
-    return;
-  }
-  const u16 value = sum_of_all.add(rest_from(i)).checksum();
-  const bool zero_means_none = protocol == wire::ip_protocol::udp;
-  put16(frame, start[i] + field, zero_means_none && value == 0 ? 0xFFFF : value);
-}
-
-void packet::finisher::write_checksum(std::size_t i) {
-  const layer& l = layers[i];
-  if (l.checksum == sum::given) return;
-  switch (l.what) {
-    case kind::ipv4:
-      put16(frame, start[i] + ipv4_checksum,
-            naive_sum().add(rest_from(i).first(l.header.size())).checksum());
-      break;
-    case kind::icmp:
-      put16(frame, start[i] + icmp_checksum, naive_sum().add(rest_from(i)).checksum());
-      break;
-    case kind::tcp:
-      write_transport_checksum(i, tcp_checksum, wire::ip_protocol::tcp);
-      break;
-    case kind::udp:
-      write_transport_checksum(i, udp_checksum, wire::ip_protocol::udp);
-      break;
-    default:
-      break;
-  }
-}
-
 bytes packet::build() const {
-  finisher f{.layers = layers_, .start = {}, .frame = {}};
-  for (const layer& l : layers_) {
-    f.start.push_back(f.frame.size());
-    f.frame.insert(f.frame.end(), l.header.begin(), l.header.end());
-  }
-  for (std::size_t i = layers_.size(); i-- > 0;) {
-    f.write_type(i);
-    f.write_length(i);
-    f.write_checksum(i);
-  }
-  if (f.frame.size() < pad_to_) f.frame.resize(pad_to_);
-  if (f.frame.size() > truncate_to_) f.frame.resize(truncate_to_);
-  return f.frame;
+  bytes frame = finish_layers(layers_);
+  if (frame.size() < pad_to_) frame.resize(pad_to_);
+  if (frame.size() > truncate_to_) frame.resize(truncate_to_);
+  return frame;
 }
 
 }  // namespace tarvelo::test

@@ -13,13 +13,22 @@
 // A builder is a value: copy one and go on from there.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string_view>
 
 #include "kernel/wire/transport.h"
 #include "tests/support/net_text.h"
+#include "tests/support/packet_layer.h"
 
 namespace tarvelo::test {
+
+enum class ppp_framing : u8 {
+  full,                ///< FF 03 00 21
+  without_address,     ///< 00 21
+  compressed,          ///< 21
+  compressed_address,  ///< FF 03 21
+};
 
 class packet {
  public:
@@ -34,6 +43,14 @@ class packet {
   packet& tcp(u16 source, u16 destination);
   packet& udp(u16 source, u16 destination);
   packet& icmp(u8 type, u8 code, u16 id = 0, u16 sequence = 0);
+  /// The GRE header of a PPTP data packet; the acknowledgement rides along when given.
+  packet& gre(u16 call, u32 sequence, std::optional<u32> acknowledgement = std::nullopt);
+  /// An L2TP data header: the fields that the bits of `first_word` announce are there, the length
+  /// filled in, `sequence` as Ns.
+  packet& l2tp(u16 first_word, u16 tunnel, u16 session, u16 sequence = 0);
+  /// PPP framing for an IPv4 packet: address and control bytes and a protocol of two bytes, or
+  /// neither of the one and one byte of the other.
+  packet& ppp(ppp_framing framing = ppp_framing::full);
   packet& raw(std::span<const u8> data);
   /// `length` bytes that count up from `first`, so that a shifted payload does not look right.
   packet& payload(std::size_t length, u8 first = 0);
@@ -73,36 +90,12 @@ class packet {
   [[nodiscard]] bytes build() const;
 
  private:
-  enum class kind : u8 {
-    eth,
-    vlan,
-    pppoe,
-    arp,
-    ipv4,
-    ipv6,
-    tcp,
-    udp,
-    icmp,
-    raw,
-  };
-  enum class sum : u8 {
-    full,
-    partial,
-    given,
-  };
-  struct layer {
-    kind what;
-    bytes header;
-    bool type_given = false;
-    bool length_given = false;
-    sum checksum = sum::full;
-  };
-  struct finisher;
+  using kind = layer_kind;
 
   packet& push(kind what, std::span<const u8> header);
-  layer& last(std::initializer_list<kind> kinds);
+  packet_layer& last(std::initializer_list<kind> kinds);
 
-  std::vector<layer> layers_;
+  std::vector<packet_layer> layers_;
   std::size_t pad_to_ = 0;
   std::size_t truncate_to_ = static_cast<std::size_t>(-1);
 };

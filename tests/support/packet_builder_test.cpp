@@ -38,6 +38,26 @@ TEST(packet_builder, builds_the_bytes_that_were_worked_out_by_hand) {
                            "0800 F7FC 0001 0002"));
 }
 
+// Encapsulated packets: the lengths that the two kinds of tunnels must have for 40 bytes inside.
+TEST(packet_builder, fills_in_the_lengths_of_tunnels) {
+  const auto inner = [](packet outer) {
+    return outer.ipv4("10.0.0.1", "10.0.0.2").tcp(1, 2).build();
+  };
+  const packet gre = base().ipv4("203.0.113.9", "198.51.100.8").gre(9, 0, 0).ppp();
+  const bytes pptp = inner(gre);
+  EXPECT_EQ(pptp.size(), 94);
+  EXPECT_EQ(bytes(pptp.begin() + 34, pptp.begin() + 42), from_hex("3081 880B 002C 0009"));
+  EXPECT_EQ(ipv4_of(pptp).tot_len.host(), 80);
+  EXPECT_EQ(ipv4_of(pptp).protocol, wire::ip_protocol::gre);
+
+  const packet session =
+      base().ipv4("203.0.113.9", "198.51.100.7").udp(1701, 1701).l2tp(0x4802, 20, 40, 7).ppp();
+  const bytes l2tp = inner(session);
+  EXPECT_EQ(bytes(l2tp.begin() + 42, l2tp.begin() + 54), from_hex("4802 0038 0014 0028 0007 0000"));
+  EXPECT_EQ(udp_of(l2tp).len.host(), 64);
+  EXPECT_EQ(faults_of(l2tp), "");
+}
+
 // RFC 1071's own example, and an odd last byte.
 TEST(naive_checksum, follows_the_standard) {
   EXPECT_EQ(naive_sum().add(from_hex("0001 F203 F4F5 F6F7")).checksum(), 0x220D);
