@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// The control files where everybody can reach them: a file system in user space that shows the
+// kernel's tree of control files, served by a thread of its own in process context. What a file's
+// operations answer is what its user gets, errors included.
+//
+// Without file systems in user space on the host the router works all the same: then nothing is
+// mounted, and available() is false.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace tarvelo::app {
+
+class control_mount {
+ public:
+  /// Mounts at once. Throws input_error when the mount point cannot be used. `processor` is no
+  /// other thread's.
+  control_mount(const std::string& path, unsigned processor);
+  /// Unmounts, closing files that users still have open.
+  ~control_mount();
+  control_mount(const control_mount&) = delete;
+  control_mount& operator=(const control_mount&) = delete;
+
+  [[nodiscard]] bool available() const noexcept;
+  /// Why it is not available, in one line.
+  [[nodiscard]] const std::string& reason() const noexcept;
+
+ private:
+  struct state;
+  std::unique_ptr<state> state_;
+};
+
+}  // namespace tarvelo::app
