@@ -18,6 +18,8 @@ inline constexpr unsigned max_processors = 64;
 void set_processor(unsigned cpu) noexcept;
 [[nodiscard]] unsigned processor() noexcept;
 
+[[nodiscard]] bool in_softirq() noexcept;
+
 void enter_softirq(code_place at) noexcept;
 void leave_softirq(code_place at) noexcept;
 

@@ -57,8 +57,8 @@ struct net_device {
   u16 type;
   u8 dev_addr[wire::mac_length];
   const net_device_ops* netdev_ops;
-  void* priv;  ///< the driver's
-  atomic_t refcnt;
+  void* priv;       ///< the driver's
+  atomic_t refcnt;  ///< one of whoever made it, given up by unregistering; one of each holder
   callback_head rcu;
 };
 
@@ -87,11 +87,15 @@ void dev_count_rx(net_device* dev, u32 bytes) noexcept;
 void dev_count_tx(net_device* dev, u32 bytes) noexcept;
 void dev_count_rx_dropped(net_device* dev) noexcept;
 [[nodiscard]] rtnl_link_stats64 dev_stats(const net_device* dev) noexcept;
+
+/// Frees a device whose last reference is gone; see dev_put().
+void hosted_netdev_free(net_device* dev) noexcept;
 }
 
 inline void dev_hold(net_device* dev) noexcept {
   atomic_inc(&dev->refcnt);
 }
+/// The last drop frees the device, which is unregistered by then.
 inline void dev_put(net_device* dev) noexcept {
-  atomic_dec(&dev->refcnt);
+  if (atomic_dec_and_test(&dev->refcnt)) hosted_netdev_free(dev);
 }

@@ -125,6 +125,10 @@ void nf_conntrack_free(nf_conn* ct) noexcept;
 /// Ends a connection whose count has just become 0; no lock of the module held.
 void nf_conntrack_destroy(nf_conntrack* nfct) noexcept;
 
+/// Checked builds only: a reference is dropped here, which may be the last. Ends the program when a
+/// lock is held that the end of a connection takes.
+void checked_conntrack_drop(code_place at) noexcept;
+
 /// Called by nf_conntrack_destroy(); set by the stack. Must not take the stack's lock.
 extern void (*nf_ct_destroy)(nf_conntrack* nfct);
 
@@ -157,6 +161,7 @@ inline void nf_conntrack_put(nf_conntrack* nfct, code_place at = code_place::her
     if (atomic_read(&nfct->use) <= 0) {
       checked_fault("connection reference dropped below zero", at, {});
     }
+    checked_conntrack_drop(at);
   }
   if (atomic_dec_and_test(&nfct->use)) nf_conntrack_destroy(nfct);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// What the kernel tells about a PPP interface's channel.
+// What the kernel tells about a PPP interface's channel. Whoever makes the interface attaches the
+// record of its channel; look-ups are made in any context.
 #pragma once
 
 #include "kernel/netdevice.h"
@@ -25,4 +26,9 @@ struct ppp_conn_info {
 extern "C" {
 /// Fills in the record of a PPP interface. 0, or -ENODEV when the device has no channel.
 [[nodiscard]] int ppp_get_conn_pkt_info(net_device* dev, ppp_conn_info* info) noexcept;
+
+/// Gives a PPP interface its channel record, which is copied, or replaces it. 0 or -ENOMEM. Taken
+/// away again before the device is unregistered; process context.
+[[nodiscard]] int ppp_attach_channel(net_device* dev, const ppp_conn_info* info) noexcept;
+void ppp_detach_channel(net_device* dev) noexcept;
 }

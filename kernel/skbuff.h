@@ -8,6 +8,7 @@
 #pragma once
 
 #include "kernel/nf_conntrack.h"
+#include "kernel/slab.h"
 #include "kernel/types.h"
 
 struct dst_entry;
@@ -50,19 +51,23 @@ struct sk_buff {
 };
 
 extern "C" {
-/// A buffer of `size` bytes of room, `data` at the front of it, `len` 0; null without memory.
-[[nodiscard]] sk_buff* alloc_skb(u32 size, gfp_t flags) noexcept;
+[[nodiscard]] sk_buff* hosted_alloc_skb(u32 size) noexcept;
 void hosted_kfree_skb(sk_buff* skb, const code_place* at) noexcept;
 /// A copy with the same headroom, at least `tailroom` bytes of tailroom and the same device,
 /// offsets, protocol and priority, but no connection, route or fast_flags; null without memory.
 [[nodiscard]] sk_buff* skb_copy_plain(const sk_buff* skb, u32 tailroom, gfp_t flags) noexcept;
 
-/// The data grows at the front, shrinks at the front, grows at the end; returns the start of the
-/// data, for skb_put the start of the new bytes. The first and last end the program when the room
-/// is not there; skb_pull returns null then and changes nothing.
-u8* skb_push(sk_buff* skb, u32 length) noexcept;
-u8* skb_pull(sk_buff* skb, u32 length) noexcept;
-u8* skb_put(sk_buff* skb, u32 length) noexcept;
+/// Ends the program: the room that `at` asked for is not there.
+[[noreturn]] void hosted_skb_no_room(const sk_buff* skb, u32 length, const code_place* at) noexcept;
+/// Checked builds only: ends the program when the buffer has been freed.
+void checked_skb_live(const sk_buff* skb, code_place at) noexcept;
+}
+
+/// A buffer of `size` bytes of room, `data` at the front of it, `len` 0; null without memory.
+[[nodiscard]] inline sk_buff* alloc_skb(u32 size, gfp_t flags,
+                                        code_place at = code_place::here()) noexcept {
+  hosted::note_allocation(flags, at);
+  return hosted_alloc_skb(size);
 }
 
 /// Null is allowed.
@@ -91,6 +96,31 @@ inline void skb_reserve(sk_buff* skb, u32 length) noexcept {
 /// Cuts the data to `length` bytes if it is longer.
 inline void skb_trim(sk_buff* skb, u32 length) noexcept {
   if (skb->len > length) skb->len = length;
+}
+
+/// The data grows at the front, shrinks at the front, grows at the end; returns the start of the
+/// data, for skb_put the start of the new bytes. The first and last end the program when the room
+/// is not there; skb_pull returns null then and changes nothing.
+inline u8* skb_push(sk_buff* skb, u32 length, code_place at = code_place::here()) noexcept {
+  if constexpr (kernel_checked) checked_skb_live(skb, at);
+  if (length > skb_headroom(skb)) hosted_skb_no_room(skb, length, &at);
+  skb->len += length;
+  return skb->data -= length;
+}
+
+inline u8* skb_pull(sk_buff* skb, u32 length, code_place at = code_place::here()) noexcept {
+  if constexpr (kernel_checked) checked_skb_live(skb, at);
+  if (length > skb->len) return nullptr;
+  skb->len -= length;
+  return skb->data += length;
+}
+
+inline u8* skb_put(sk_buff* skb, u32 length, code_place at = code_place::here()) noexcept {
+  if constexpr (kernel_checked) checked_skb_live(skb, at);
+  if (length > skb_tailroom(skb)) hosted_skb_no_room(skb, length, &at);
+  u8* added = skb->data + skb->len;
+  skb->len += length;
+  return added;
 }
 
 [[nodiscard]] inline u8* skb_network_header(const sk_buff* skb) noexcept {

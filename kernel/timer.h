@@ -5,7 +5,9 @@
 // once, except del_timer_sync(), which waits and must not be called from softirq context or with a
 // lock held that the timer's function takes.
 //
-// A pending timer's expiry changes only through these functions.
+// A pending timer's expiry changes only through these functions. Putting an expiry off is one store
+// and takes no lock: the timer stays where it is in the wheel and moves on when it is met there. So
+// a packet path may refresh a timer for every packet.
 #pragma once
 
 #include "kernel/list.h"
@@ -29,8 +31,12 @@ int mod_timer(timer_list* timer, u32 expires) noexcept;
 int mod_timer_pending(timer_list* timer, u32 expires) noexcept;
 /// Stops a pending timer. 1 when it was pending, else 0. Its function may still be running.
 int del_timer(timer_list* timer) noexcept;
+int hosted_del_timer_sync(timer_list* timer, const code_place* at) noexcept;
+}
+
 /// The same, and waits for a running function to end.
-int del_timer_sync(timer_list* timer) noexcept;
+inline int del_timer_sync(timer_list* timer, code_place at = code_place::here()) noexcept {
+  return hosted_del_timer_sync(timer, &at);
 }
 
 [[nodiscard]] inline bool timer_pending(const timer_list* timer) noexcept {
