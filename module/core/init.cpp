@@ -12,6 +12,9 @@
 #include "module/core/counters.h"
 #include "module/core/handle.h"
 #include "module/forward/hooks.h"
+#include "module/fragcache/ipv4.h"
+#include "module/fragcache/ipv6.h"
+#include "module/fragcache/negative.h"
 #include "module/ipc/ct_ext.h"
 #include "module/proc/entries.h"
 #include "module/proc/registration.h"
@@ -44,6 +47,19 @@ void remove_control_files() {
   _vok_proc_dir_entry = nullptr;
 }
 
+/// On failure destroy_fragment_caches() takes down what there is.
+[[nodiscard]] bool create_fragment_caches() {
+  return udp_fragCache_init(udp_fragment_entries) != 0 && negative_fragCache_init() != 0 &&
+         vok_udp_fragCache_v6_init(udp_fragment_v6_entries) != 0;
+}
+
+/// Passes over a cache that is not there.
+void destroy_fragment_caches() {
+  udp_fragCache_free(udp_fragment_entries);
+  vok_udp_fragcache_free_v6(udp_fragment_v6_entries);
+  negative_fragCache_free();
+}
+
 [[nodiscard]] bool publish_handle() {
   vok_handle* ci = _vok_attach(module_name);
   rcu_assign_pointer(kcih, ci);
@@ -68,7 +84,8 @@ int load() {
   init_hook_registry();
   if (!create_control_files()) return -1;
   if (_vok_memory_cache_init()) {
-    if (publish_handle()) return 0;
+    if (create_fragment_caches() && publish_handle()) return 0;
+    destroy_fragment_caches();
     memory_cache_destroy();
   }
   remove_control_files();
@@ -79,6 +96,7 @@ void unload() {
   withdraw_handle();
   remove_control_files();
   memory_cache_destroy();
+  destroy_fragment_caches();
   printk("%s %d: #########tarvelo exit success########\n", "vok_exit", exit_message_line);
 }
 
