@@ -49,12 +49,20 @@ constexpr found_connection no_connection = {nullptr, IP_CT_DIR_ORIGINAL};
   return protocol == wire::ip_protocol::tcp && ct->tcp.state != TCP_CONNTRACK_CLOSE;
 }
 
+/// The packets of a direction as a hook leaves them: the source is translated last.
+[[nodiscard]] nf_conntrack_tuple tuple_after(const nf_conn* ct, ip_conntrack_dir dir,
+                                             nf_inet_hooks hook) noexcept {
+  nf_conntrack_tuple tuple = inverse(ct->tuple[other(dir)]);
+  if (hook == NF_INET_PRE_ROUTING) tuple.src = ct->tuple[dir].src;
+  return tuple;
+}
+
 /// Translates one end of a packet where its connection says so, after the module has been told.
 void translate(sk_buff* skb, nf_inet_hooks hook, packet_end end) noexcept {
   const nf_conn* ct = nf_ct_of(skb->nfct);
   const ip_conntrack_dir dir = direction_of(skb);
   if (!is_translated(ct, dir, end)) return;
-  const nf_conntrack_tuple translated = inverse(ct->tuple[other(dir)]);
+  const nf_conntrack_tuple translated = tuple_after(ct, dir, hook);
   if (is_reported(ct)) fast_path_report(skb, hook, &translated);
   rewrite_end(packet_span(skb), end, translated_end(ct, dir, end));
 }

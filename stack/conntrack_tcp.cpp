@@ -147,7 +147,8 @@ tcp_outcome tcp_follow(connection& c, ip_conntrack_dir dir, const tracked_packet
 bool tcp_asks_for_end(const tracked_packet& packet) noexcept {
   if (packet.protocol() != wire::ip_protocol::tcp) return false;
   if (packet.span.transport_bytes() <= offsetof(wire::tcphdr, flags)) return false;
-  return (packet.tcp().flags & (flag::fin | flag::rst)) != 0;
+  const u8 flags = packet.tcp().flags;
+  return (flags & (flag::fin | flag::rst)) != 0 && (flags & flag::syn) == 0;
 }
 
 u32 tcp_timeout(const nf_conn* ct) noexcept {

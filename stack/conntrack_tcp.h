@@ -39,8 +39,8 @@ void tcp_begin(connection& c, const tracked_packet& packet) noexcept;
 [[nodiscard]] tcp_outcome tcp_follow(connection& c, ip_conntrack_dir dir,
                                      const tracked_packet& packet) noexcept;
 
-/// True when a segment asks for the end of its connection: such a one makes the fast path give the
-/// connection up.
+/// True when a segment, perhaps a broken one, asks for the end of its connection so that the fast
+/// path gives the connection up. It passes over whatever has a SYN.
 [[nodiscard]] bool tcp_asks_for_end(const tracked_packet& packet) noexcept;
 
 /// Jiffies without a packet after which the connection is over.
