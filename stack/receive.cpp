@@ -61,7 +61,7 @@ bool looks_like_a_frame(const sk_buff* skb) noexcept {
 /// keeps the handle.
 bool taken_by_fast_path(sk_buff* skb, device_kind kind) noexcept {
   if (!read_once(core().offering)) return false;
-  vok_handle* handle = read_once(kcih);
+  vok_handle* handle = rcu_dereference(kcih);
   if (handle == nullptr || read_once(handle->enable) == 0) return false;
   if (kind == device_kind::rawip && looks_like_a_frame(skb)) return false;
   count_once(counters().offered);

@@ -76,7 +76,7 @@ constexpr inet_input_ops input_ops{run_forward, run_local_deliver};
 /// Takes a device out of the module's caches. The read side keeps the handle.
 void sweep_from_fast_path(net_device* dev) {
   rcu_read_lock();
-  if (vok_handle* handle = read_once(kcih); handle != nullptr) {
+  if (vok_handle* handle = rcu_dereference(kcih); handle != nullptr) {
     handle->_vok_ipc_delete_by_dev(handle, dev);
   }
   rcu_read_unlock();
@@ -138,7 +138,7 @@ void router::state::build(const router_config& config, const net_device_ops* por
     dev_open(record->dev);
 
   set_module_notifier(&notifier);
-  if (read_once(kcih) != nullptr) module_live();
+  if (rcu_dereference(kcih) != nullptr) module_live();
 }
 
 void router::state::add_device(const device_config& config, const net_device_ops* port_ops) {
