@@ -61,6 +61,7 @@ void replay_session::make_port(const stack::device_config& device,
   if (!link) return;
   const auto input = std::find_if(inputs.begin(), inputs.end(),
                                   [&](const replay_input& i) { return i.device == device.name; });
+  ports::transmit_observer& observer = *this;
   ports_.push_back(
       std::make_unique<ports::capture_port>(input == inputs.end() ? std::string() : input->capture,
                                             out.staged(device.name + ".pcap"), *link, observer));
