@@ -187,6 +187,34 @@ TEST_F(conntrack_report, fast_path_keeps_a_connection_alive_by_its_timer) {
   EXPECT_EQ(module.records, 0);
 }
 
+/// Packet workers drop last references while timers run out and the module goes.
+TEST_F(conntrack_report, ends_on_several_processors_at_once) {
+  constexpr u32 rounds = 20;
+  constexpr u32 connections = 50;
+  u64 made = 0;
+  for (u32 round = 0; round < rounds; ++round) {
+    std::vector<sk_buff*> held;
+    for (u16 port = 1; port <= connections; ++port) {
+      stack::track_verdict verdict;
+      held.push_back(carry(udp_packet(host, port, peer, 53), lan, wan, &verdict));
+      ASSERT_EQ(verdict, stack::track_verdict::accept);
+    }
+    made += held.size();
+    std::thread worker([&held] {
+      for (sk_buff* skb : held)
+        kfree_skb(skb);
+    });
+    std::thread timers([] { pass(30'000); });
+    tracker().module_going();
+    tracker().module_live();
+    worker.join();
+    timers.join();
+    EXPECT_EQ(tracker().statistics().connections, 0U);
+  }
+  EXPECT_EQ(module.records, 0);
+  EXPECT_GE(module.deletes.size(), made) << "an end was not reported";
+}
+
 TEST_F(conntrack_report, answered_udp_lasts_longer) {
   exchange(udp_packet(host, 40000, peer, 53), udp_packet(peer, 53, host, 40000), true);
   pass(179'999);

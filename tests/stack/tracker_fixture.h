@@ -6,9 +6,9 @@
 // comes out is checked for right lengths and checksums.
 #pragma once
 
+#include <atomic>
 #include <functional>
-#include <map>
-#include <optional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -46,7 +46,7 @@ class note_taking_module {
   std::vector<add> adds;
   std::vector<std::string> deletes;      ///< original tuple of each, "source>destination"
   std::function<void(nf_conn*)> on_add;  ///< may set marks, as the module does
-  int records = 0;                       ///< extension records out
+  std::atomic<int> records = 0;          ///< extension records out
 
  private:
   vok_handle handle_{};
