@@ -87,6 +87,7 @@ void forget_device(connection& c, const net_device* dev) noexcept {
 struct connection_tracker::state {
   nat_rules rules;
   connection_life life;
+  source_chooser sources;
   bool live;  ///< new connections get the module's record
   u64 untranslatable = 0;
 
@@ -188,7 +189,7 @@ bool connection_tracker::state::choose_translation(connection& c, const net_devi
   const std::optional<u32> address = rules.masquerade_address(dev);
   if (!address || *address == c.ct->tuple[IP_CT_DIR_ORIGINAL].src.u3.ip) return true;
   if (c.picked_up) return false;
-  if (!choose_source(life.table(), c.ct, *address)) {
+  if (!sources.choose(life.table(), c.ct, *address)) {
     count_one(untranslatable);
     return false;
   }

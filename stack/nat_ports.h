@@ -8,15 +8,35 @@
 // packets get the same ports in every run, and connections from one host do not queue up behind
 // each other. Protocols without ports have only the one reply tuple.
 //
-// Stack's lock; the choice holds until the lock is let go or the connection is in the table.
+// A search that finds nothing looks at every port. Only a host with tens of thousands of
+// connections to one peer can bring that about, but then again with every packet; so for a second
+// after a vain search the same answers are refused without another.
+//
+// Stack's lock; a choice holds until the lock is let go or the connection is in the table.
 #pragma once
 
 #include "stack/conntrack_table.h"
 
 namespace tarvelo::stack {
 
-/// Sets the reply tuple of a connection that is not in the table yet, so that its packets leave
-/// from `address` (network order). False, the tuple unchanged, when all are taken.
-[[nodiscard]] bool choose_source(const conntrack_table& table, nf_conn* ct, u32 address) noexcept;
+class source_chooser {
+ public:
+  /// Sets the reply tuple of a connection that is not in the table yet, so that its packets leave
+  /// from `address` (network order). False, the tuple unchanged, when all are taken.
+  [[nodiscard]] bool choose(const conntrack_table& table, nf_conn* ct, u32 address) noexcept;
+
+ private:
+  /// A search that was in vain: the answers that it was for, their port 0.
+  struct vain_search {
+    nf_conntrack_tuple answers;
+    u32 at;  ///< jiffies
+    bool was_made;
+  };
+  static constexpr std::size_t remembered = 8;
+
+  [[nodiscard]] vain_search& memory_of(const nf_conntrack_tuple& answers) noexcept;
+
+  vain_search vain_[remembered] = {};
+};
 
 }  // namespace tarvelo::stack

@@ -164,13 +164,21 @@ TEST_F(conntrack_nat, refuses_when_no_port_is_left) {
   for (u32 port = 1024; port <= 0xFFFF; ++port) {
     ASSERT_FALSE(outward(udp_packet(host, static_cast<u16>(port), peer, 53)).dropped);
   }
+  pass(29'500);
+  EXPECT_FALSE(outward(udp_packet(host, 65535, peer, 53)).dropped);
   EXPECT_TRUE(outward(udp_packet(server, 5000, peer, 53)).dropped);
+  EXPECT_TRUE(outward(udp_packet(server, 5001, peer, 53)).dropped);
   EXPECT_FALSE(outward(udp_packet(server, 80, peer, 53)).dropped) << "its own is free";
   EXPECT_FALSE(outward(udp_packet(server, 5000, peer, 54)).dropped) << "another peer's are free";
   EXPECT_FALSE(outward(packet().ipv4(host, peer).type(50).payload(8)).dropped);
   EXPECT_TRUE(outward(packet().ipv4(server, peer).type(50).payload(8)).dropped);
-  EXPECT_EQ(tracker().statistics().untranslatable, 2U);
+  EXPECT_EQ(tracker().statistics().untranslatable, 3U);
   EXPECT_EQ(tracker().statistics().connections, 64512U + 3U);
+  // All but one of the host's run out; a second after the vain search ports are found again.
+  pass(999);
+  EXPECT_TRUE(outward(udp_packet(server, 65535, peer, 53)).dropped);
+  pass(1);
+  EXPECT_FALSE(outward(udp_packet(server, 65535, peer, 53)).dropped);
 }
 
 TEST_F(conntrack_nat, picks_up_no_connection_that_needs_translation) {
