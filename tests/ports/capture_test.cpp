@@ -94,7 +94,9 @@ TEST_F(capture_test, every_truncation_of_a_capture_is_noticed) {
     const bool at_a_boundary = length == 24 || length == 24 + 19;
     const std::string fault = fault_of(file);
     EXPECT_EQ(fault.empty(), at_a_boundary) << length;
-    if (!at_a_boundary) EXPECT_EQ(fault.find(file), 0U) << fault;
+    if (!at_a_boundary) {
+      EXPECT_EQ(fault.find(file), 0U) << fault;
+    }
   }
 }
 
