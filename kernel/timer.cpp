@@ -67,6 +67,14 @@ u32 distance_to_occupied(unsigned level, u32 index) noexcept {
   return slots - index;
 }
 
+/// timer_pending() reads `next` without the lock, so every store to it is one store.
+void link_last(list_head* entry, list_head* head) noexcept {
+  entry->prev = head->prev;
+  write_once(entry->next, head);
+  write_once(head->prev->next, entry);
+  head->prev = entry;
+}
+
 /// Puts a timer that is in no slot where its expiry belongs; one that is due already goes into the
 /// slot that is looked at next.
 void insert(timer_list* timer, u32 expires) noexcept {
@@ -81,12 +89,12 @@ void insert(timer_list* timer, u32 expires) noexcept {
   const u32 index = slot_of(level, expires);
   list_head* head = &wheel.slot[level][index];
   if (head->next == nullptr) INIT_LIST_HEAD(head);
-  list_add_tail(&timer->entry, head);
+  link_last(&timer->entry, head);
   mark(level, index);
 }
 
 void unlink(timer_list* timer) noexcept {
-  timer->entry.prev->next = timer->entry.next;
+  write_once(timer->entry.prev->next, timer->entry.next);
   timer->entry.next->prev = timer->entry.prev;
   write_once(timer->entry.next, static_cast<list_head*>(nullptr));
   timer->entry.prev = nullptr;
@@ -104,7 +112,7 @@ void take_slot(unsigned level, u32 index, list_head* to) noexcept {
   if (head->next == nullptr || list_empty(head)) return;
   *to = *head;
   to->next->prev = to;
-  to->prev->next = to;
+  write_once(to->prev->next, to);
   INIT_LIST_HEAD(head);
 }
 
