@@ -197,7 +197,7 @@ TEST_F(config_test, faults_of_single_values) {
        "end-of-file; correct the syntax"},
       {"device = 1", "F:1:10: an integer where [[device]] belongs (device); write [[device]]"},
       {two_ports + "[spare]",
-       "F:16:1: unknown key (spare); take it out or write one of device, route, neighbour, nat, "
+       "F:16:2: unknown key (spare); take it out or write one of device, route, neighbour, nat, "
        "helper, slow, control"},
       {port_with("speed = 1"),
        "F:5:1: unknown key (device.speed); take it out or write one of name, type, interface, "

@@ -196,7 +196,7 @@ TEST_F(replay_test, survives_every_truncation_and_mutated_byte) {
     frames.push_back({100'000, udp_out(8).truncate(length).build()});
   }
   for (std::size_t at = 0; at < whole.size(); ++at) {
-    for (const u8 value : {0x00, 0x0F, 0x45, 0x81, 0xFF}) {
+    for (const u8 value : bytes{0x00, 0x0F, 0x45, 0x81, 0xFF}) {
       bytes mutated = whole;
       mutated[at] = value;
       frames.push_back({200'000, mutated});

@@ -163,9 +163,13 @@ TEST_F(packet_socket_test, a_link_that_is_down_loses_frames_and_nothing_else) {
   near.flush();
   EXPECT_EQ(near.statistics().sent, 0U);
   EXPECT_EQ(near.statistics().transmit_errors, 3U);
+  // The kernel takes a while from "up" to the first frame.
   ASSERT_EQ(std::system("ip link set near up"), 0);
-  send(near, frame);
-  near.flush();
+  for (int tries = 0; near.statistics().sent == 0 && tries < wait_ms; ++tries) {
+    send(near, frame);
+    near.flush();
+    usleep(1000);
+  }
   EXPECT_EQ(near.statistics().sent, 1U);
 }
 
