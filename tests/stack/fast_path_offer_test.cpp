@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "kernel/fast_path.h"
+#include "kernel/module_loader.h"
 #include "kernel/route.h"
 #include "tests/stack/router_fixture.h"
 
@@ -26,6 +27,8 @@ struct module_record {
   int answer = -1;  ///< 0: takes the frame
   std::vector<offered_frame> offered;
   std::vector<std::string> swept;
+  u32 taken_off = 0;  ///< delete calls
+  vok_ct_ext extension{};
 };
 module_record seen;
 
@@ -51,9 +54,18 @@ class fast_path_offer_test : public router_test {
     handle._vok_ipc_delete_by_dev = sweep;
     handle._ip_conntrack_ipct_add = [](vok_handle*, sk_buff*, unsigned, nf_conn*, int,
                                        const nf_conntrack_tuple*) {};
-    handle._ip_conntrack_ipct_delete = [](vok_handle*, nf_conn*) { return 0; };
-    handle._vok_nf_conntrack_ext_alloc = [](nf_conn*) { return -1; };
-    handle._vok_nf_conntrack_ext_free = [](nf_conn*) { return 0; };
+    handle._ip_conntrack_ipct_delete = [](vok_handle*, nf_conn*) {
+      ++seen.taken_off;
+      return 0;
+    };
+    handle._vok_nf_conntrack_ext_alloc = [](nf_conn* ct) {
+      ct->vok_ext = &seen.extension;
+      return 0;
+    };
+    handle._vok_nf_conntrack_ext_free = [](nf_conn* ct) {
+      ct->vok_ext = nullptr;
+      return 0;
+    };
     kcih = &handle;
     start();
   }
@@ -151,6 +163,67 @@ TEST_F(fast_path_offer_test, a_device_is_swept_when_it_goes_down_and_when_it_goe
   seen.swept.clear();
   router.reset();
   EXPECT_EQ(seen.swept, (std::vector<std::string>{"lan0", "wan0", "tun0"}));
+}
+
+// The fast path keeps copies of hardware addresses.
+TEST_F(fast_path_offer_test, connections_leave_the_fast_path_when_their_next_hop_moves) {
+  const auto announce = [&](const char* mac) {
+    receive("lan0",
+            packet()
+                .eth(everyone_mac, mac)
+                .arp(wire::arp_op::request, mac, "192.168.1.3", "00:00:00:00:00:00", lan_address));
+  };
+  announce("02:00:00:00:01:03");
+  receive("wan0", from_gateway(server, "192.168.1.3").udp(53, 4000).payload(8));
+  EXPECT_EQ(sent_on("lan0").size(), 2U);
+  announce("02:00:00:00:01:03");
+  EXPECT_EQ(seen.taken_off, 0U) << "nothing has changed";
+  announce("02:00:00:00:01:33");
+  EXPECT_EQ(seen.taken_off, 1U);
+}
+
+/// A module whose handle is the fixture's.
+class module_life_test : public fast_path_offer_test {
+ protected:
+  module_life_test() {
+    router.reset();
+    kcih = nullptr;
+    seen = {};
+    start();
+  }
+  static int init() {
+    kcih = &self->handle;
+    return 0;
+  }
+  /// The handle is still published when the module begins to go: a frame that comes now must not be
+  /// offered any more.
+  static void exit() {
+    self->receive("lan0", frame());
+    offered_late = seen.offered.size();
+    kcih = nullptr;
+    synchronize_rcu();
+  }
+
+  static inline module_life_test* self = nullptr;
+  static inline std::size_t offered_late = 0;
+};
+
+TEST_F(module_life_test, frames_are_offered_from_its_coming_until_it_begins_to_go) {
+  self = this;
+  EXPECT_EQ(receive("lan0", frame()), receive_verdict::slow);
+  EXPECT_TRUE(seen.offered.empty());
+
+  module record{"stand-in", {}};
+  std::string error;
+  auto loaded = loaded_module::load_linked(init, exit, &record, &error);
+  ASSERT_NE(loaded, nullptr) << error;
+  EXPECT_EQ(receive("lan0", frame()), receive_verdict::slow);
+  EXPECT_EQ(seen.offered.size(), 1U);
+
+  loaded.reset();
+  EXPECT_EQ(offered_late, 1U);
+  EXPECT_EQ(receive("lan0", frame()), receive_verdict::slow);
+  EXPECT_EQ(seen.offered.size(), 1U);
 }
 
 }  // namespace

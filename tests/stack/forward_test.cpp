@@ -125,6 +125,18 @@ TEST_F(forward_test, tells_the_mtu_to_a_sender_that_forbids_fragmentation) {
   EXPECT_EQ(error.size(), 14U + 576U) << "an error is cut to what every host takes";
 }
 
+// Its source is translated by then: the sender must see his own packet, and get the error.
+TEST_F(forward_test, tells_the_sender_of_a_translated_packet_that_the_host_is_not_there) {
+  config.masquerade = {"wan0"};
+  start();
+  const bytes offender = from_host("203.0.113.77").ttl(9).udp(4000, 53).payload(32).build();
+  EXPECT_EQ(receive("lan0", offender), receive_verdict::slow);
+  pass(3000);
+  EXPECT_EQ(sent_on("wan0").size(), 3U) << "questions for the address";
+  const bytes as_forwarded = from_host("203.0.113.77").ttl(8).udp(4000, 53).payload(32).build();
+  expect_error("lan0", 3, 1, lan_address, host, as_forwarded);
+}
+
 // Each of these would draw a "time exceeded" if it were an ordinary packet.
 TEST_F(forward_test, never_answers_what_must_not_be_answered) {
   start();
