@@ -17,6 +17,7 @@ import time
 
 TIMEOUT = 60
 CHUNK = 1 << 16
+IP_RECVTTL = 12  # <linux/in.h>; not in Python's socket module
 
 
 def exchange(connection, send_path, receive_path):
@@ -60,7 +61,7 @@ def connect(address, port, send_path, receive_path):
 def listen(port, count):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
         server.bind(("", int(port)))
-        server.setsockopt(socket.IPPROTO_IP, socket.IP_RECVTTL, 1)
+        server.setsockopt(socket.IPPROTO_IP, IP_RECVTTL, 1)
         server.settimeout(TIMEOUT)
         print("ready", flush=True)
         for _ in range(int(count)):

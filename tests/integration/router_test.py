@@ -81,13 +81,14 @@ class Router:
         return self
 
     def __exit__(self, *failure):
-        if self.process.poll() is None:
-            self.process.kill()
-        if failure[0] is not None:
-            print(self.process.stdout.read())
+        if failure[0] is None:
+            return
+        self.process.kill()
+        print(self.process.stdout.read())
         self.process.wait()
-        if os.path.ismount(self.mount):
-            subprocess.run(["umount", "--lazy", str(self.mount)], check=False)
+        # A mount whose process has been killed does not even answer a stat; there may be none.
+        subprocess.run(["umount", "--lazy", str(self.mount)], check=False,
+                       stderr=subprocess.DEVNULL)
 
     def counters(self):
         text = (self.vok / "statistics_info").read_text()
@@ -111,7 +112,9 @@ def start_on(host, *arguments):
 
 def start_server(host, *arguments):
     server = start_on(host, *arguments)
-    check(server.stdout.readline() == "ready\n", "the server does not start")
+    if server.stdout.readline() != "ready\n":
+        server.kill()
+        raise AssertionError("the server does not start:\n" + server.communicate()[1])
     return server
 
 
