@@ -8,7 +8,8 @@ cd "$(dirname "$0")/.."
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 build/release/bin/tarvelo replay --config examples/replay/router.toml \
-  --in lan0=examples/replay/lan0.pcap --in wan0=examples/replay/wan0.pcap --out "$out"
+  --in lan0=examples/replay/lan0.pcap --in wan0=examples/replay/wan0.pcap --out "$out" \
+  >"$out/log" 2>&1 || { cat "$out/log" >&2; exit 1; }
 
 count() {
   grep -c "\"verdict\": \"$1\"" "$out/frames.jsonl" || true
