@@ -133,7 +133,7 @@ TEST_F(l2tp_test, every_sender_gets_numbers_of_its_own) {
 
 TEST_F(l2tp_test, the_checked_kernel_names_both_places_of_a_drop_too_many) {
   if (!kernel_checked) GTEST_SKIP() << "only in the checked build";
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  rcu_barrier();  // no lock of another thread may be held in the child
   EXPECT_DEATH(
       {
         l2tp_session* session = make(plain);
