@@ -83,7 +83,7 @@ TEST_F(SeqFile, GivesTheSameTextInPiecesOfAnySize) {
       std::vector<std::string>(500, "a line of forty characters to be listed\n"),
   };
   for (const auto& elements : listings) {
-    for (const std::size_t piece : {1UL, 7UL, 4095UL, 4096UL, 65536UL}) {
+    for (const std::size_t piece : std::initializer_list<std::size_t>{1, 7, 4095, 4096, 65536}) {
       listing_.elements = elements;
       EXPECT_TRUE(read_all(piece) == joined(elements)) << elements.size() << " by " << piece;
     }
@@ -105,7 +105,8 @@ TEST_F(SeqFile, AnElementThatDoesNotFitIsShownAgainNotCut) {
 TEST_F(SeqFile, ReadsFromAnyPosition) {
   listing_.elements = {"first\n", "skip", std::string(5000, 'x') + "\n", "last\n"};
   const std::string whole = joined(listing_.elements);
-  for (const std::size_t from : {0UL, 3UL, 6UL, 7UL, 4096UL, whole.size() - 1, whole.size()}) {
+  for (const std::size_t from :
+       std::initializer_list<std::size_t>{0, 3, 6, 7, 4096, whole.size() - 1, whole.size()}) {
     file f{};
     ASSERT_EQ(seq_open(&f, &operations), 0);
     EXPECT_EQ(seq_lseek(&f, static_cast<loff_type>(from), SEEK_SET), static_cast<loff_type>(from));
