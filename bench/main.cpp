@@ -19,6 +19,7 @@
 #include "bench/memory.h"
 #include "bench/subject.h"
 #include "kernel/jiffies.h"
+#include "kernel/printk.h"
 
 namespace {
 
@@ -69,6 +70,11 @@ class keeping_reporter : public benchmark::ConsoleReporter {
   std::map<std::string, double> times_;
 };
 
+/// Loading and unloading say so each time; between the rows only what went wrong is of interest.
+void print_errors_only(void*, klog::level at, const char* text) noexcept {
+  if (at <= klog::level::warning) std::fputs(text, stderr);
+}
+
 int measure(int argc, char** argv) {
   for (const subject_kind& kind : subjects()) {
     for (const std::size_t count : kind.connections) {
@@ -106,6 +112,7 @@ int count_only(const std::string& name, std::size_t count, std::size_t packets) 
 
 int main(int argc, char** argv) {
   kernel_clock::start_at(0);
+  klog::set_sink(&print_errors_only, nullptr);
   if (argc == 5 && std::strcmp(argv[1], "--count") == 0) {
     return count_only(argv[2], std::stoul(argv[3]), std::stoul(argv[4]));
   }
