@@ -12,13 +12,17 @@
 
 namespace tarvelo {
 
+/// A sum of 16-bit words that is still wider than one, folded to 16 bits.
+[[nodiscard]] constexpr u32 folded(u32 sum) {
+  sum = (sum >> 16) + (sum & 0xFFFF);
+  return ((sum >> 16) + sum) & 0xFFFF;
+}
+
 /// The sum of two words, folded to 16 bits and not complemented.
 [[nodiscard]] constexpr u32 vok_do_csum(const u32 (&words)[2]) {
-  u32 sum = words[0] + words[1];
-  if (sum < words[0]) ++sum;
-  for (int fold = 0; fold < 3; ++fold)
-    sum = (sum >> 16) + (sum & 0xFFFF);
-  return sum & 0xFFFF;
+  const u32 sum = words[0] + words[1];
+  const u32 carry = sum < words[0] ? 1 : 0;
+  return folded(sum + carry);
 }
 
 /// The partial sum of a field that changes from `before` to `after`; a 16-bit field is extended
@@ -29,10 +33,7 @@ namespace tarvelo {
 
 /// A stored checksum after `change`, the sum of up to 0xFFFF partial sums.
 [[nodiscard]] constexpr u16 checksum_changed(u16 stored, u32 change) {
-  u32 sum = (~u32{stored} & 0xFFFF) + change;
-  sum = (sum >> 16) + (sum & 0xFFFF);
-  sum = (sum >> 16) + (sum & 0xFFFF);
-  return static_cast<u16>(~sum);
+  return static_cast<u16>(~folded((~u32{stored} & 0xFFFF) + change));
 }
 
 /// The same for UDP, where a stored 0 means that the datagram carries no checksum: it stays 0, and
