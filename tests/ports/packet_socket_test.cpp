@@ -10,9 +10,11 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
+#include "tests/ports/tunnel_device.h"
 #include "tests/support/frame_match.h"
 #include "tests/support/kernel_fixture.h"
 #include "tests/support/packet_builder.h"
@@ -171,6 +173,33 @@ TEST_F(packet_socket_test, a_link_that_is_down_loses_frames_and_nothing_else) {
     usleep(1000);
   }
   EXPECT_EQ(near.statistics().sent, 1U);
+}
+
+TEST_F(packet_socket_test, a_device_without_link_layer_carries_bare_packets) {
+  const owned_fd tunnel = open_tunnel_device("tun0");
+  if (!tunnel) GTEST_SKIP() << "no tunnels here";
+  ASSERT_EQ(std::system("ip link set tun0 up"), 0);
+  net_device* dev = alloc_netdev("tun0", ARPHRD_NONE);
+  packet_socket port("tun0", link_layer::raw_ip, 1500);
+  port.attach(dev);
+  const bytes in = packet().ipv4("10.10.0.2", "10.10.0.1").udp(1, 2).payload(9).build();
+  ASSERT_EQ(write(tunnel.get(), in.data(), in.size()), static_cast<ssize_t>(in.size()));
+  const auto got = receive(port, 1);
+  ASSERT_EQ(got.size(), 1U);
+  EXPECT_EQ(got[0], in);
+
+  const bytes out = packet().ipv4("10.10.0.1", "10.10.0.2").tcp(1, 2).payload(1460).build();
+  send(port, out);
+  port.flush();
+  // The host's own chatter may come first.
+  bytes read_back(2000);
+  bool found = false;
+  for (ssize_t length = 0; !found;
+       found = bytes(read_back.begin(), read_back.begin() + length) == out) {
+    length = read(tunnel.get(), read_back.data(), read_back.size());
+    ASSERT_GT(length, 0) << "the packet does not come out";
+  }
+  free_netdev(dev);
 }
 
 TEST_F(packet_socket_test, an_interface_that_does_not_fit_is_named_with_the_cure) {
