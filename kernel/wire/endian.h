@@ -11,6 +11,16 @@
 
 #include "kernel/types.h"
 
+// The C library's headers define macros with the names of the functions below, but only in
+// optimised builds. Its header comes first here, so that no later include brings them back.
+#if __STDC_HOSTED__
+#include <netinet/in.h>
+#undef htons
+#undef htonl
+#undef ntohs
+#undef ntohl
+#endif
+
 namespace wire {
 
 static_assert(std::endian::native == std::endian::little,
