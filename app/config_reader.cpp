@@ -32,7 +32,7 @@ bool is_good_name(const std::string& name) {
 }
 
 std::string read_name(table_reader& in, std::string_view key) {
-  const std::string name = in.string(key, "name it");
+  std::string name = in.string(key, "name it");
   if (!is_good_name(name)) {
     in.fail(key, fmt::format("\"{}\" is not a name", name),
             fmt::format("write 1 to {} characters without blanks, quotes and slashes", name_most));
@@ -265,6 +265,7 @@ void read_control(table_reader& top, app_config& config) {
   }
   config.control.fast_path = in.truth_or("fast_path", true);
   in.finish();
+  config.places.control = in.places();
 }
 
 }  // namespace

@@ -156,7 +156,7 @@ void print_ipv4(output* out, const conversion& c, const u8* address) noexcept {
 
 void print_ipv6(output* out, const conversion& c, const u8* address) noexcept {
   char text[40];
-  for (unsigned group = 0; group < 8; ++group) {
+  for (std::size_t group = 0; group < 8; ++group) {
     std::snprintf(text + group * 5, 6, "%02x%02x%s", address[group * 2], address[group * 2 + 1],
                   group == 7 ? "" : ":");
   }

@@ -61,7 +61,7 @@ void hosted_l2tp_session_put(l2tp_session* session, const code_place* at) noexce
 }
 
 void l2tp_session_free(l2tp_session* session) noexcept {
-  const u8 before = __atomic_fetch_or(
+  [[maybe_unused]] const u8 before = __atomic_fetch_or(
       &session->state, l2tp_session_state::closing | l2tp_session_state::freed, __ATOMIC_RELAXED);
   if constexpr (kernel_checked) {
     if (atomic_read(&session->ref_count) != 0) {

@@ -94,7 +94,7 @@ struct packet_socket::receive_slots {
   std::array<sk_buff*, batch_frames> buffers{};
   std::array<offload_header, batch_frames> offloads{};
   std::array<control, batch_frames> controls{};
-  std::array<iovec, pieces_of_frame * batch_frames> pieces{};
+  std::array<iovec, std::size_t{pieces_of_frame} * batch_frames> pieces{};
   std::array<mmsghdr, batch_frames> messages{};
   std::unique_ptr<u8[]> overflow;  ///< touched by super-frames only
   std::unique_ptr<u8[]> scratch;   ///< a super-frame in one piece

@@ -22,7 +22,7 @@ bool transmit_queue::push(sk_buff* skb) noexcept {
 
 transmit_queue::result transmit_queue::flush(int socket) noexcept {
   offload_header nothing_left_to_do{};
-  std::array<iovec, 2 * batch_frames> pieces;
+  std::array<iovec, std::size_t{2} * batch_frames> pieces;
   std::array<mmsghdr, batch_frames> messages{};
   for (u32 i = 0; i < count_; ++i) {
     iovec* frame = &pieces[std::size_t{2} * i];
