@@ -30,6 +30,7 @@ struct config_places {
   std::vector<item_places> forwards;
   std::vector<item_places> helpers;
   std::vector<item_places> slow;
+  item_places control;
 };
 
 struct app_config {

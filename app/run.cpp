@@ -78,6 +78,12 @@ void watch(const stop_signals& stop, port_set& ports, stack::router& router) {
   }
 }
 
+std::unique_ptr<control_mount> make_mount(const app_config& config, unsigned processor) try {
+  return std::make_unique<control_mount>(config.control.mount, processor);
+} catch (const input_error& error) {
+  throw input_error(describe(config.file, config.places.control.of("mount")) + error.what());
+}
+
 /// The threads and the mount, for as long as they run.
 void serve(const app_config& config, const stop_signals& stop, port_set& ports, router_host& host) {
   const unsigned workers = worker_count(ports.size());
@@ -85,16 +91,16 @@ void serve(const app_config& config, const stop_signals& stop, port_set& ports, 
   const unsigned mount_processor = workers + 1;
   hosted::set_processor(workers + 2);
 
-  const control_mount mount(config.control.mount, mount_processor);
+  const auto mount = make_mount(config, mount_processor);
   const timer_thread clock(clock_processor, ports);
   std::vector<std::unique_ptr<worker>> threads;
   for (unsigned i = 0; i < workers; ++i) {
     threads.push_back(std::make_unique<worker>(i, host.router(), ports.share(i, workers), ports));
   }
-  if (mount.available()) {
+  if (mount->available()) {
     fmt::print(stderr, "tarvelo: running; control files in {}\n", config.control.mount);
   } else {
-    fmt::print(stderr, "tarvelo: running; no control files: {}\n", mount.reason());
+    fmt::print(stderr, "tarvelo: running; no control files: {}\n", mount->reason());
   }
   watch(stop, ports, host.router());
 }

@@ -103,14 +103,15 @@ TEST_F(run_test, a_mount_point_in_use_is_left_alone) {
   put("a/b/file", "mine");
   const command_result result = run("run --config @/home.toml");
   EXPECT_EQ(result.status, 2);
-  EXPECT_EQ(result.complaint(),
-            "mount point " + path("a/b") + ": not empty; name an empty directory");
+  EXPECT_EQ(result.complaint(), path("home.toml") + ":26:9: mount point " + path("a/b") +
+                                    ": not empty; name an empty directory");
   EXPECT_EQ(get("a/b/file"), "mine");
 
   std::filesystem::remove(path("a/b/file"));
   ASSERT_EQ(mount("none", path("a/b").c_str(), "tmpfs", 0, nullptr), 0);
   EXPECT_EQ(run("run --config @/home.toml").complaint(),
-            "mount point " + path("a/b") + ": in use; unmount it or name another directory");
+            path("home.toml") + ":26:9: mount point " + path("a/b") +
+                ": in use; unmount it or name another directory");
   umount(path("a/b").c_str());
 }
 
