@@ -115,7 +115,9 @@ found_connection connection_tracker::state::place(const tracked_packet& packet,
       give_up_fast_path(packet);
       return no_connection;
     case tcp_outcome::reopen:
-      fast_path_take_off(found.owner->ct);
+      // A buffer that waits may keep the old connection for a while. Its end must say nothing more
+      // then: the entries with its addresses would be those of the new one.
+      fast_path_forget(found.owner->ct);
       connection_life::end(*found.owner);
       return {begin(packet, dev), IP_CT_DIR_ORIGINAL};
     case tcp_outcome::follow:

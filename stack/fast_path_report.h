@@ -18,8 +18,10 @@ namespace tarvelo::stack {
 /// slow path. Stack's lock.
 void fast_path_attach(nf_conn* ct) noexcept;
 
-/// Tells the module that a connection is over, and takes the extension record back. Registry's
-/// lock, no lock of the module.
+/// Tells the module that a connection is over, and takes the extension record back. Afterwards the
+/// module no longer knows the connection, and a second call does nothing. No lock of the module;
+/// the registry's lock, or the stack's for a connection that is in the table and so cannot end
+/// meanwhile.
 void fast_path_forget(nf_conn* ct) noexcept;
 
 /// Removes a living connection from the module's caches and lets it be added again, on whatever

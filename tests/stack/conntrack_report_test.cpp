@@ -215,6 +215,25 @@ TEST_F(conntrack_report, ends_on_several_processors_at_once) {
   EXPECT_GE(module.deletes.size(), made) << "an end was not reported";
 }
 
+/// The module knows entries by their addresses only: what is said of the old connection once the
+/// new one is there would hit the new one's.
+TEST_F(conntrack_report, a_connection_that_another_replaces_is_forgotten_before_it) {
+  using namespace wire::tcp_flag;
+  const packet opening = packet().ipv4(host, peer).tcp(1, 2).flags(syn);
+  stack::track_verdict verdict;
+  sk_buff* waiting = carry(opening, lan, wan, &verdict);
+  const nf_conn* old = nf_ct_of(waiting->nfct);
+  outward(packet().ipv4(host, peer).tcp(1, 2).flags(rst));
+  EXPECT_NE(old->vok_ext, nullptr);
+
+  ASSERT_FALSE(outward(opening).dropped);
+  EXPECT_EQ(module.deletes.size(), 1U);
+  EXPECT_EQ(old->vok_ext, nullptr) << "its end would take the new connection off the fast path";
+  EXPECT_EQ(module.records, 1);
+  in_softirq([&] { kfree_skb(waiting); });
+  EXPECT_EQ(module.records, 1);
+}
+
 TEST_F(conntrack_report, answered_udp_lasts_longer) {
   exchange(udp_packet(host, 40000, peer, 53), udp_packet(peer, 53, host, 40000), true);
   pass(179'999);
