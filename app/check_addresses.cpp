@@ -13,8 +13,6 @@ namespace tarvelo::app {
 namespace {
 
 constexpr u32 ipv6_least_mtu = 1280;
-/// Below this length a network's first and last IPv4 addresses are those of nobody and everybody.
-constexpr u32 longest_with_broadcast = 30;
 
 const item_places& places_of(const checker& c, std::size_t index) {
   return c.config().places.devices[index];
@@ -28,8 +26,7 @@ void check_own_address(const checker& c, std::size_t index, std::size_t nth) {
   if (const char* why = why_not_a_host(address)) {
     c.fail(at, "device", "address", fmt::format("{} is {}", text, why), "give it a host's", nth);
   }
-  const bool has_broadcast = address.is_ipv4() && address.length() <= longest_with_broadcast;
-  if (has_broadcast && (address.rest_is(false) || address.rest_is(true))) {
+  if (address.is_end_of_network()) {
     c.fail(at, "device", "address",
            fmt::format("{} is the {} address of its network", text,
                        address.rest_is(false) ? "first" : "broadcast"),
@@ -69,9 +66,7 @@ void check_peer(const checker& c, std::size_t index) {
   const address_bits peer(*device.peer);
   const std::string text = to_text(*device.peer);
   const item_places& at = places_of(c, index);
-  if (const char* why = why_not_a_host(peer)) {
-    c.fail(at, "device", "peer", fmt::format("{} is {}", text, why), "give it a host's");
-  }
+  c.require_host(at, "device", "peer", peer, "give it a host's");
   if (const stack::device_config* owner = c.owner(peer)) {
     c.fail(at, "device", "peer", fmt::format("{} is an address of \"{}\"", text, owner->name),
            "give the address of the other end");
@@ -106,9 +101,7 @@ void check_neighbours(const checker& c) {
     }
     const address_bits address(neighbour.address);
     const std::string text = to_text(neighbour.address);
-    if (const char* why = why_not_a_host(address)) {
-      c.fail(at, "neighbour", "address", fmt::format("{} is {}", text, why), "give it a host's");
-    }
+    c.require_host(at, "neighbour", "address", address, "give it a host's");
     if (const stack::device_config* owner = c.owner(address)) {
       c.fail(at, "neighbour", "address",
              fmt::format("{} is an address of \"{}\"", text, owner->name),

@@ -23,9 +23,7 @@ void check_gateway(const checker& c, const item_places& at, const stack::route_c
     c.fail(at, "route", "via", fmt::format("{} is not of the family of the prefix", text),
            "give a gateway of the same family");
   }
-  if (const char* why = why_not_a_host(via)) {
-    c.fail(at, "route", "via", fmt::format("{} is {}", text, why), "give a gateway's address");
-  }
+  c.require_host(at, "route", "via", via, "give a gateway's address");
   if (const stack::device_config* owner = c.owner(via)) {
     c.fail(at, "route", "via", fmt::format("{} is an address of \"{}\"", text, owner->name),
            "give the gateway's address");
@@ -98,9 +96,7 @@ void check_forwards(const checker& c) {
     }
     const address_bits to(stack::ip_address{forward.to_address});
     const std::string text = to_text(stack::ip_address{forward.to_address});
-    if (const char* why = why_not_a_host(to)) {
-      c.fail(at, "nat.forward", "to", fmt::format("{} is {}", text, why), "give it a host's");
-    }
+    c.require_host(at, "nat.forward", "to", to, "give it a host's");
     if (const stack::device_config* owner = c.owner(to)) {
       c.fail(at, "nat.forward", "to", fmt::format("{} is an address of \"{}\"", text, owner->name),
              "forward to another host");

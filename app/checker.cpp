@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "app/address_text.h"
+
 namespace tarvelo::app {
 
 const stack::device_config* checker::device(std::string_view name) const {
@@ -23,6 +25,25 @@ const stack::device_config& checker::require_device(const item_places& at, std::
          index);
   }
   return *found;
+}
+
+void checker::require_host(const item_places& at, std::string_view title, std::string_view key,
+                           const address_bits& address, const std::string& cure) const {
+  const std::string text = to_text(address.to_address());
+  if (const char* why = why_not_a_host(address)) {
+    fail(at, title, key, fmt::format("{} is {}", text, why), cure);
+  }
+  for (const stack::device_config& device : devices()) {
+    for (const stack::ip_prefix& own : device.addresses) {
+      const address_bits network(own);
+      if (!network.contains(address)) continue;
+      if (!address.with_length(network.length()).is_end_of_network()) continue;
+      fail(at, title, key,
+           fmt::format("{} is the first or last address of the network of \"{}\"", text,
+                       device.name),
+           cure);
+    }
+  }
 }
 
 void checker::fail(const item_places& at, std::string_view title, std::string_view key,

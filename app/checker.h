@@ -29,6 +29,11 @@ class checker {
                                              std::string_view key, const std::string& name,
                                              std::size_t index = 0) const;
 
+  /// The fault that an address of an item can be no single host's: by its class, or because it is
+  /// an end of a network that the router is in.
+  void require_host(const item_places& at, std::string_view title, std::string_view key,
+                    const address_bits& address, const std::string& cure) const;
+
   /// Throws: "FILE:LINE:COLUMN: wrong (title.key); cure".
   [[noreturn]] void fail(const item_places& at, std::string_view title, std::string_view key,
                          const std::string& wrong, const std::string& cure,

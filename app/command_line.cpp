@@ -55,11 +55,12 @@ void add_repeated(CLI::App* command, const char* name, std::vector<std::string>&
 
 }  // namespace
 
-assignment parse_assignment(const std::string& option, const std::string& text) {
+assignment parse_assignment(const std::string& option, const std::string& form,
+                            const std::string& text) {
   const auto equals = text.find('=');
   if (equals == std::string::npos || equals == 0) {
     throw input_error(
-        fmt::format("{} {}: no name before a '='; write {} NAME=VALUE", option, text, option));
+        fmt::format("{} {}: no name before a '='; write {} {}", option, text, option, form));
   }
   return {text.substr(0, equals), text.substr(equals + 1)};
 }
@@ -81,8 +82,8 @@ int run_command(int argc, const char* const* argv) {
       "Feed captures through the router, on a virtual clock that starts at 0 with the first frame",
       replay_with.config);
   add_module_option(replay_it, replay_with.module);
-  add_repeated(replay_it, "--in", replay_with.inputs, "DEVICE=CAPTURE", "what a port receives");
-  add_repeated(replay_it, "--set", replay_with.settings, "NAME=TEXT",
+  add_repeated(replay_it, "--in", replay_with.inputs, input_form, "what a port receives");
+  add_repeated(replay_it, "--set", replay_with.settings, setting_form,
                "write to a control file before the first frame");
   replay_it->add_option("--out", replay_with.out, "where the results go")
       ->type_name("DIR")

@@ -13,11 +13,15 @@ struct run_options {
   std::string module;  ///< empty: the module that was installed with the command
 };
 
+/// What the repeated options of a replay take.
+inline constexpr const char* input_form = "DEVICE=CAPTURE";
+inline constexpr const char* setting_form = "NAME=TEXT";
+
 struct replay_options {
   std::string config;
   std::string module;
-  std::vector<std::string> inputs;    ///< DEVICE=CAPTURE
-  std::vector<std::string> settings;  ///< NAME=TEXT
+  std::vector<std::string> inputs;    ///< `input_form`
+  std::vector<std::string> settings;  ///< `setting_form`
   std::string out;
 };
 
@@ -30,7 +34,8 @@ struct assignment {
   std::string key;
   std::string value;
 };
-/// Throws input_error naming `option` when there is no '=' or no key.
-[[nodiscard]] assignment parse_assignment(const std::string& option, const std::string& text);
+/// Throws input_error naming `option` and the `form` of its value when there is no '=' or no key.
+[[nodiscard]] assignment parse_assignment(const std::string& option, const std::string& form,
+                                          const std::string& text);
 
 }  // namespace tarvelo::app

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 namespace tarvelo::app {
 
@@ -47,19 +46,27 @@ document_value convert(const toml::node& node) {
   return result;
 }
 
+/// Far more than any configuration needs; bounds what a device file can make the command swallow.
+constexpr std::size_t longest_file = std::size_t{4} << 20;  // bytes
+
 std::string read_file(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
     throw input_error(fmt::format("{}: is a directory; name a configuration file", path));
   }
   std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  if (file) text << file.rdbuf();
-  if (!file) {
+  std::string text(longest_file + 1, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  if (!file.is_open() || file.bad()) {
     throw input_error(fmt::format("{}: cannot be read: {}; name a configuration file that can be",
                                   path, std::strerror(errno)));
   }
-  return std::move(text).str();
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  if (text.size() > longest_file) {
+    throw input_error(
+        fmt::format("{}: longer than {} MiB; name a configuration file", path, longest_file >> 20));
+  }
+  return text;
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ inline constexpr int bad_input = 2;
 
 class input_error : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit input_error(const std::string& line);
 };
 
 /// A place in a text file, counted from 1; line 0 stands for the file as a whole.

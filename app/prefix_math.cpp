@@ -41,6 +41,17 @@ bool address_bits::rest_is(bool bit) const {
   return true;
 }
 
+bool address_bits::is_end_of_network() const {
+  constexpr u32 longest_with_ends = 30;
+  return is_ipv4() && length_ <= longest_with_ends && (rest_is(false) || rest_is(true));
+}
+
+address_bits address_bits::with_length(u32 length) const {
+  address_bits result = *this;
+  result.length_ = length;
+  return result;
+}
+
 address_bits address_bits::network() const {
   address_bits result = *this;
   for (u32 i = length_; i < width(); ++i) {

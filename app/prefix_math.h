@@ -26,6 +26,11 @@ class address_bits {
 
   /// True when all bits from the length on have the value `bit`.
   [[nodiscard]] bool rest_is(bool bit) const;
+  /// True for the first and the last IPv4 address of a network that is large enough to have hosts
+  /// besides them: the one is nobody's, the other everybody's.
+  [[nodiscard]] bool is_end_of_network() const;
+  /// The same address with another number of significant bits.
+  [[nodiscard]] address_bits with_length(u32 length) const;
   /// With the bits from the length on cleared.
   [[nodiscard]] address_bits network() const;
   /// True when `other` is of the same family and agrees in the significant bits.

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 
 #include "app/config.h"
@@ -31,7 +32,11 @@ std::vector<replay_input> find_inputs(const app_config& config,
                                       const std::vector<std::string>& texts) {
   std::vector<replay_input> inputs;
   for (const std::string& text : texts) {
-    const auto [name, capture] = parse_assignment("--in", text);
+    const auto [name, capture] = parse_assignment("--in", input_form, text);
+    if (capture.empty()) {
+      throw input_error(
+          fmt::format("--in {}: no capture after the '='; write --in {}", text, input_form));
+    }
     const auto& devices = config.router.devices;
     const auto device =
         std::find_if(devices.begin(), devices.end(),
@@ -69,6 +74,28 @@ void validate(const std::vector<replay_input>& inputs) {
   }
 }
 
+/// The results take the place of files of their names, which must not be the captures.
+void keep_captures(const app_config& config, const std::vector<replay_input>& inputs,
+                   const std::filesystem::path& out) {
+  for (const stack::device_config& device : config.router.devices) {
+    if (!link_of(device)) continue;
+    const std::filesystem::path result = out / result_name(device);
+    for (const replay_input& input : inputs) {
+      std::error_code error;
+      if (!std::filesystem::equivalent(result, input.capture, error)) continue;
+      throw input_error(
+          fmt::format("--in {}={}: what \"{}\" sends would take its place; choose another --out",
+                      input.device, input.capture, device.name));
+    }
+  }
+}
+
+void apply(const assignment& setting) try {
+  write_control_file(setting.key, setting.value);
+} catch (const input_error& error) {
+  throw input_error(fmt::format("--set {}: {}", setting.key, error.what()));
+}
+
 }  // namespace
 
 int replay(const replay_options& options) try {
@@ -76,16 +103,17 @@ int replay(const replay_options& options) try {
   const std::vector<replay_input> inputs = find_inputs(config, options.inputs);
   std::vector<assignment> settings;
   for (const std::string& text : options.settings) {
-    settings.push_back(parse_assignment("--set", text));
+    settings.push_back(parse_assignment("--set", setting_form, text));
   }
   validate(inputs);
+  keep_captures(config, inputs, options.out);
 
   output_directory out(options.out);
   {
     replay_session session(config, inputs, out);
     session.load_module(options.module);
     for (const assignment& setting : settings)
-      write_control_file(setting.key, setting.value);
+      apply(setting);
     session.feed();
     for (const control_file& file : read_control_files()) {
       out.write(fmt::format("{}/{}", control_directory, file.name), file.text);

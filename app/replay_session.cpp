@@ -24,6 +24,10 @@ std::optional<ports::link_layer> link_of(const stack::device_config& device) {
   return std::nullopt;
 }
 
+std::string result_name(const stack::device_config& port) {
+  return port.name + ".pcap";
+}
+
 std::string seconds_text(s64 nanoseconds) {
   std::string text = fmt::format("{}.{:09}", nanoseconds / nanoseconds_per_second,
                                  nanoseconds % nanoseconds_per_second);
@@ -64,7 +68,7 @@ void replay_session::make_port(const stack::device_config& device,
   ports::transmit_observer& observer = *this;
   ports_.push_back(
       std::make_unique<ports::capture_port>(input == inputs.end() ? std::string() : input->capture,
-                                            out.staged(device.name + ".pcap"), *link, observer));
+                                            out.staged(result_name(device)), *link, observer));
 }
 
 ports::capture_port* replay_session::next_port() const {

@@ -24,6 +24,9 @@ inline constexpr s64 nanoseconds_per_jiffy = 1'000'000;
 /// How frames of a device look in a capture; nothing for devices that are not ports.
 [[nodiscard]] std::optional<ports::link_layer> link_of(const stack::device_config& device);
 
+/// The name of the capture of what a port sends.
+[[nodiscard]] std::string result_name(const stack::device_config& port);
+
 struct replay_input {
   std::string device;
   std::string capture;

@@ -49,6 +49,8 @@ TEST_F(command_test, bad_input_is_one_line_and_leaves_nothing_behind) {
   put_capture("raw.pcap", {{0, frame}}, ports::link_layer::raw_ip);
   put("cut.pcap", get("good.pcap").substr(0, get("good.pcap").size() - 1));
   put("file", "");
+  std::filesystem::create_directory(path("results"));
+  put_capture("results/wan0.pcap", {{0, frame}});
 
   const std::string replay = "replay --config @/home.toml --out @/out ";
   const complaint_row rows[] = {
@@ -60,12 +62,17 @@ TEST_F(command_test, bad_input_is_one_line_and_leaves_nothing_behind) {
       {"check --config @/none.toml",
        "@/none.toml: cannot be read: No such file or directory; name a configuration file that "
        "can be"},
+      {"check --config /dev/zero", "/dev/zero: longer than 4 MiB; name a configuration file"},
       {"check --config @", "@: is a directory; name a configuration file"},
       {"run --config @/home.toml",
        "@/home.toml:1:1: no interface lan0 on this host; make it or name one that is there"},
       {"replay --config @/home.toml --in lan0=@/good.pcap",
        "--out is required; see tarvelo --help"},
-      {"R --in lan0", "--in lan0: no name before a '='; write --in NAME=VALUE"},
+      {"R --in lan0", "--in lan0: no name before a '='; write --in DEVICE=CAPTURE"},
+      {"R --in lan0=", "--in lan0=: no capture after the '='; write --in DEVICE=CAPTURE"},
+      {"replay --config @/home.toml --out @/results --in lan0=@/results/wan0.pcap",
+       "--in lan0=@/results/wan0.pcap: what \"wan0\" sends would take its place; choose another "
+       "--out"},
       {"R --in lan7=@/good.pcap",
        "--in lan7=@/good.pcap: no port \"lan7\" in @/home.toml; name one of lan0 wan0"},
       {"R --in lan0=@/good.pcap --in lan0=@/good.pcap",
@@ -80,10 +87,12 @@ TEST_F(command_test, bad_input_is_one_line_and_leaves_nothing_behind) {
       {"R --in lan0=@/long.pcap",
        "@/long.pcap:frame 2: more than 49 days after the first frame; replay a shorter stretch"},
       {"R --set speed=1",
-       "no control file \"speed\"; write to one of enable slow_xmit_enable statistics_info version "
+       "--set speed: no control file \"speed\"; write to one of enable slow_xmit_enable "
+       "statistics_info version "
        "ipc_count ipc_info ipc_v6_count ipc_v6_info statistics_forward_ipv6_packet_num brc_info"},
       {"R --set version=1",
-       "control file \"version\" refuses 1 bytes: Input/output error; write something else"},
+       "--set version: control file \"version\" refuses 1 bytes: Input/output error; write "
+       "something else"},
       {"replay --config @/home.toml --out @/file",
        "@/file: cannot be written: not a directory; choose a directory that can be"},
   };

@@ -219,6 +219,10 @@ TEST_F(config_test, faults_of_single_values) {
        "02:00:00:00:01:01"},
       {"[[device]]\nname = \"a\"\ntype = \"port\"\nmac = 2",
        "F:4:7: an integer where a string belongs (device.mac); write a string"},
+      {port_with("address = [\"\\u0000\\u001B[2J\"]"),
+       "F:5:12: \"\\x00\\x1B[2J\" is not an address with its length (device.address); write it as "
+       "in "
+       "192.168.1.1/24 or 2001:db8:1::1/64"},
       {port_with("mtu = 67"),
        "F:5:7: 67 is out of range (device.mtu); write a number from 68 to "
        "65535"},
@@ -344,6 +348,15 @@ TEST_F(config_test, faults_of_addresses_and_paths) {
        "the same family"},
       {two_ports + route("10.0.0.0/8", "203.0.113.9", "wan0"),
        "F:18:7: 203.0.113.9 is an address of \"wan0\" (route.via); give the gateway's address"},
+      {two_ports + route("10.0.0.0/8", "203.0.113.255", "wan0"),
+       "F:18:7: 203.0.113.255 is the first or last address of the network of \"wan0\" (route.via); "
+       "give a gateway's address"},
+      {two_ports + neighbour("192.168.1.0"),
+       "F:18:11: 192.168.1.0 is the first or last address of the network of \"lan0\" "
+       "(neighbour.address); give it a host's"},
+      {two_ports + forward("192.168.1.255"),
+       "F:20:6: 192.168.1.255 is the first or last address of the network of \"lan0\" "
+       "(nat.forward.to); give it a host's"},
       {two_ports + neighbour("10.0.0.1"),
        "F:18:11: 10.0.0.1 is not behind \"lan0\" (neighbour.address); name a host of the device's "
        "networks"},
