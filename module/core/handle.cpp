@@ -115,8 +115,8 @@ vok_handle* _vok_attach(const char* name) {
 }
 
 void detach(vok_handle* ci) {
-  release_all_connections(ci);
-  release_all_v6_connections(ci);
+  ipv4_table::remove_all(ci);
+  ipv6_table::remove_all(ci);
   release_all_bridge_entries(ci);
   // The deferred frees run code of this module: it may not go before they have run.
   rcu_barrier();

@@ -139,7 +139,7 @@ void mark_added(const admitted& packet, const way_out& out) {
 [[nodiscard]] bool insert_unless_known(vok_handle* ci, ipc_entry* entry, const admitted& packet,
                                        const way_out& out, net_device* input, net_device* output) {
   spin_lock_bh(ci->ipc_lock);
-  const bool fresh = find_flow(ci, key_of(*entry)) == nullptr;
+  const bool fresh = find_flow(ci, ipv4_connections::key_of(*entry)) == nullptr;
   if (fresh) {
     remember_device(packet.ext, input, output);
     mark_added(packet, out);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// Taking entries out of the IPv4 connection table when what they describe goes away: the
-// connection, or a device.
+// Taking entries out of both connection tables when what they describe goes away: the connection,
+// or a device.
 #pragma once
 
 #include "kernel/nf_conntrack.h"
