@@ -2,15 +2,16 @@
 #include "module/forward/routed.h"
 
 #include "kernel/atomic.h"
-#include "kernel/if_vlan.h"
 #include "kernel/nf_conntrack.h"
 #include "kernel/wire/transport.h"
 #include "module/core/counters.h"
+#include "module/forward/build_l2tp.h"
+#include "module/forward/depart.h"
+#include "module/forward/encapsulation.h"
 #include "module/forward/hooks.h"
 #include "module/forward/ipv4_flow.h"
 #include "module/forward/rewrite.h"
 #include "module/forward/transmit.h"
-#include "module/forward/vlan_tag.h"
 #include "module/ipc/table.h"
 
 namespace tarvelo {
@@ -20,11 +21,12 @@ namespace {
 /// nothing from the fast path, and tracking and its helpers have seen the beginning whole.
 constexpr u32 ripe_after_adds = 20;
 
-/// Entry modes that this path serves only together with a matching frame: all encapsulations.
-constexpr u32 any_encapsulation = 0x7F0;
-
-/// Tag control words of 0 and 1 are a tag that says nothing.
-constexpr u32 first_meaningful_tci = 2;
+/// What the checks have found out and taken for one packet.
+struct routed_packet {
+  passage way;
+  wrapping_plan plan;
+  l2tp_session* session = nullptr;  ///< one reference held, or null
+};
 
 [[nodiscard]] ipc_entry* find_current_entry(vok_handle* ci, const flow_key& key) {
   ipc_entry** link = find_flow(ci, key);
@@ -57,77 +59,72 @@ fate check_tcp_end(ipc_entry* entry, const ipv4_flow& flow) {
   return (entry->flags & ipc_flag::tcp_closing) == 0 ? fate::forward : fate::tcp_ending;
 }
 
-/// A frame in a PPPoE session needs an entry that expects one, and the other way round.
-fate check_encapsulation(const frame& f, const ipc_entry& entry) {
-  const bool plain = !f.is_pppoe() && (entry.flags & any_encapsulation) == 0;
-  return plain ? fate::forward : fate::encapsulation;
+/// A fragment cannot be put into a session or tunnel: the others of its datagram would be too long
+/// or have nowhere to go.
+fate check_fragment(const ipv4_flow& flow, const passage& way) {
+  const bool whole = flow.fragment == fragment_kind::none;
+  return whole || !way.has(ipc_mode::built) ? fate::forward : fate::fragment;
 }
 
-/// The frame must fit the output device, and a tag that it gets must fit in front of it.
-fate check_room(const sk_buff* skb, const frame& f, const ipc_entry& entry) {
-  const u32 overhead = f.pushed ? 0 : f.link_length();
-  if (skb->len - overhead > entry.sendif->mtu) return fate::too_long;
-  const bool grows = is_vlan_dev(entry.sendif) && !f.is_tagged();
-  if (grows && skb_headroom(skb) < wire::vlan_tag_length) return fate::no_headroom;
-  return fate::forward;
+/// Frame, entry and session agree, and what the frame becomes has room.
+fate check_passage(sk_buff* skb, const arrival& in, const passage& way, routed_packet* packet) {
+  if (const fate r = check_arrival(skb, in, way); r != fate::forward) return r;
+  if (way.has(ipc_flag::l2tp_in | ipc_flag::l2tp_out)) {
+    const fate r = hold_l2tp_session(skb, in.tunnel, way, &packet->session);
+    if (r != fate::forward) return r;
+  }
+  return plan_wrapping(skb, in, way, &packet->plan);
 }
 
-/// Everything that can make the frame go back, once its entry is found.
-fate check_entry(sk_buff* skb, const frame& f, const ipv4_flow& flow, ipc_entry* entry) {
+/// Everything that can make the frame go back, once its entry is found, but for the hooks.
+fate check_entry(sk_buff* skb, const arrival& in, const ipv4_flow& flow, ipc_entry* entry,
+                 routed_packet* packet) {
   if (const fate r = hold_connection(skb, *entry); r != fate::forward) return r;
   if (const fate r = check_record(entry->ct->vok_ext); r != fate::forward) return r;
   if (const fate r = check_tcp_end(entry, flow); r != fate::forward) return r;
-  if (const fate r = check_encapsulation(f, *entry); r != fate::forward) return r;
-  if (const fate r = check_room(skb, f, *entry); r != fate::forward) return r;
+  packet->way = passage_of(*entry);
+  if (const fate r = check_fragment(flow, packet->way); r != fate::forward) return r;
+  return check_passage(skb, in, packet->way, packet);
+}
+
+/// A hook may have cut the data or moved it.
+fate ask_hooks(sk_buff* skb, const frame& f, const ipv4_flow& flow, const routed_packet& packet) {
   if (const fate r = run_hooks(skb, f, VOK_HOOK_IP_POST_ROUTING); r != fate::forward) return r;
-  return skb_headlen(skb) >= flow.end ? fate::forward : fate::hook_cut_frame;
+  if (skb_headlen(skb) < flow.end) return fate::hook_cut_frame;
+  return skb_headroom(skb) >= packet.plan.growth ? fate::forward : fate::no_headroom;
 }
 
-/// A VLAN device below the router that takes no part in the forwarding still shows what came in.
-void count_vlan_input(const sk_buff* skb, const frame& f, const vok_ct_ext* ext) {
-  if (f.tci < first_meaningful_tci) return;
-  net_device* dev = read_once(ext->dev);
-  if (dev != nullptr && is_vlan_dev(dev)) dev_count_rx(dev, skb->len);
-}
-
-/// Gives the frame the form in which its device takes it: without an Ethernet header, with a tag
-/// for the device below a VLAN device, or as it is.
-void fit_to_device(vok_handle* ci, sk_buff* skb, const ipc_entry& entry) {
-  if ((entry.sendif->flags & IFF_POINTOPOINT) != 0) {
-    skb_pull(skb, wire::ethernet_length);
-    skb->protocol = wire::htons(wire::ethertype::ipv4);
-  } else if (is_vlan_dev(entry.sendif)) {
-    choose_vlan_slot(skb, entry.dir);
-    _vok_add_vlan_tag(ci, skb, entry.ct);
+/// The same for a first fragment, which is recorded by now if the fast path takes it: the others
+/// may follow on another processor.
+fate ask_hooks_for_first(sk_buff* skb, const frame& f, const ipv4_flow& flow,
+                         const routed_packet& packet) {
+  const auto* ip = header_at<const wire::iphdr>(skb, flow.l3);
+  found_frag added;
+  if (!add_frag(fragment_key_of(ip), flow.key.sport, flow.key.dport, &added)) {
+    return fate::fragments_full;
   }
+  const fate result = ask_hooks(skb, f, flow, packet);
+  if (result != fate::forward) free_cache(added);
+  return result;
 }
 
-/// From here on the frame is the fast path's: it is sent, or lost when its device is down.
-fate commit(vok_handle* ci, sk_buff* skb, const frame& f, const ipv4_flow& flow,
-            const ipc_entry& entry) {
-  translate(skb, f, flow, entry);
-  // Addresses are written at the new start, so a tag goes by moving the start alone.
-  if (f.is_tagged()) skb_pull(skb, wire::vlan_tag_length);
-  write_addresses(skb, entry);
-  refresh_timeout(entry.ct, flow.key.proto);
-  skb->dev = entry.sendif;
-  if ((entry.sendif->flags & IFF_UP) == 0) return fate::drop;
-
-  count_vlan_input(skb, f, entry.ct->vok_ext);
-  skb->priority = f.priority;
-  vok_skb_reset_mac_header(skb);
-  vok_skb_reset_network_header(skb, skb->data + wire::ethernet_length);
-  fit_to_device(ci, skb, entry);
-  skb->nfctinfo = entry.dir == IP_CT_DIR_REPLY ? IP_CT_ESTABLISHED_REPLY : IP_CT_ESTABLISHED;
-  return fate::forward;
-}
-
-/// The part under the table's lock.
-fate prepare(vok_handle* ci, sk_buff* skb, const frame& f, const ipv4_flow& flow) {
+/// The part under the table's lock. Once the hooks have agreed the frame is the fast path's: it is
+/// sent, or lost when its device is down.
+fate prepare(vok_handle* ci, sk_buff* skb, const frame& f, const ipv4_flow& flow,
+             routed_packet* packet) {
   ipc_entry* entry = find_current_entry(ci, flow.key);
   if (entry == nullptr) return fate::no_entry;
-  if (const fate r = check_entry(skb, f, flow, entry); r != fate::forward) return r;
-  return commit(ci, skb, f, flow, *entry);
+  const arrival in = {f, flow.l3, flow.tunnel};
+  if (const fate r = check_entry(skb, in, flow, entry, packet); r != fate::forward) return r;
+  const bool record = flow.fragment == fragment_kind::first && !flow.recorded;
+  const fate verdict =
+      record ? ask_hooks_for_first(skb, f, flow, *packet) : ask_hooks(skb, f, flow, *packet);
+  if (verdict != fate::forward) return verdict;
+
+  translate(skb, flow, *entry);
+  refresh_timeout(entry->ct, flow.key.proto);
+  carry_out(skb, in, packet->way, packet->plan);
+  return depart(ci, skb, f, packet->way, entry->ct);
 }
 
 }  // namespace
@@ -140,9 +137,11 @@ fate forward_routed(vok_handle* ci, sk_buff* skb, const frame& f) {
   ipv4_flow flow;
   if (const fate r = read_flow(skb, f, &flow); r != fate::forward) return r;
 
+  routed_packet packet;
   spin_lock_bh(ci->ipc_lock);
-  const fate result = prepare(ci, skb, f, flow);
+  const fate result = prepare(ci, skb, f, flow, &packet);
   spin_unlock_bh(ci->ipc_lock);
+  if (packet.session != nullptr) l2tp_session_put(packet.session);
   if (result != fate::forward) {
     nf_reset(skb);
     return result;
