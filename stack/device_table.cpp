@@ -5,20 +5,26 @@
 
 namespace tarvelo::stack {
 
-void device_table::add(net_device* dev, device_kind kind, std::vector<ipv4_prefix> addresses) {
+device_record& device_table::add(net_device* dev, device_kind kind,
+                                 std::vector<ipv4_prefix> addresses) {
   for (const ipv4_prefix& own : addresses)
     own_.insert(own.address);
-  records_.push_back(
-      std::make_unique<device_record>(device_record{dev, kind, std::move(addresses)}));
+  records_.push_back(std::make_unique<device_record>(
+      device_record{.dev = dev, .kind = kind, .addresses = std::move(addresses)}));
 
   const auto index = static_cast<std::size_t>(dev->ifindex);
   if (by_index_.size() <= index) by_index_.resize(index + 1, nullptr);
   by_index_[index] = records_.back().get();
+  return *records_.back();
 }
 
 const device_record* device_table::find(const net_device* dev) const noexcept {
   const auto index = static_cast<std::size_t>(dev->ifindex);
   return index < by_index_.size() ? by_index_[index] : nullptr;
+}
+
+device_record* device_table::find_to_change(const net_device* dev) noexcept {
+  return const_cast<device_record*>(find(dev));
 }
 
 net_device* device_table::by_name(std::string_view name) const noexcept {

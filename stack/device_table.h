@@ -12,6 +12,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "kernel/if_bridge.h"
 #include "kernel/netdevice.h"
 #include "stack/config.h"
 
@@ -19,14 +20,18 @@ namespace tarvelo::stack {
 
 /// How frames look on a device, and so how they are received and sent.
 enum class device_kind : u8 {
-  port,   ///< Ethernet
-  rawip,  ///< IP packets without a link-layer header
+  port,    ///< Ethernet
+  vlan,    ///< Ethernet, a VLAN of the device beneath
+  bridge,  ///< Ethernet, the router's own place on the segment that its ports make up
+  rawip,   ///< IP packets without a link-layer header
 };
 
 struct device_record {
   net_device* dev;
   device_kind kind;
-  std::vector<ipv4_prefix> addresses;  ///< the first is the device's main one
+  std::vector<ipv4_prefix> addresses;      ///< the first is the device's main one
+  net_device* beneath = nullptr;           ///< the one device that this one goes up and down with
+  net_bridge_port* bridge_port = nullptr;  ///< its place in a bridge; null without one
 };
 
 /// The mask of a prefix length, network order.
@@ -40,11 +45,12 @@ struct device_record {
 
 class device_table {
  public:
-  /// Enters a registered device.
-  void add(net_device* dev, device_kind kind, std::vector<ipv4_prefix> addresses);
+  /// Enters a registered device; the rest of its record is the caller's to fill in.
+  device_record& add(net_device* dev, device_kind kind, std::vector<ipv4_prefix> addresses);
 
-  /// Null for a device that is not the router's.
+  /// Null for a device that is not the router's. The second, only while the router is built.
   [[nodiscard]] const device_record* find(const net_device* dev) const noexcept;
+  [[nodiscard]] device_record* find_to_change(const net_device* dev) noexcept;
   [[nodiscard]] net_device* by_name(std::string_view name) const noexcept;
   [[nodiscard]] const std::vector<std::unique_ptr<device_record>>& all() const noexcept {
     return records_;
@@ -59,7 +65,7 @@ class device_table {
 
  private:
   std::vector<std::unique_ptr<device_record>> records_;
-  std::vector<const device_record*> by_index_;  ///< by ifindex
+  std::vector<device_record*> by_index_;  ///< by ifindex
   std::unordered_set<u32> own_;
 };
 

@@ -25,6 +25,8 @@ receive_verdict output_to_next_hop(sk_buff* skb, u32 next_hop) {
   if (record == nullptr) return discard(skb);
   switch (record->kind) {
     case device_kind::port:
+    case device_kind::vlan:
+    case device_kind::bridge:
       return neighbour_output(skb, next_hop);
     case device_kind::rawip:
       return output_raw(skb);

@@ -9,8 +9,10 @@
 
 #include <array>
 #include <memory>
+#include <vector>
 
 #include "kernel/context.h"
+#include "stack/bridge.h"
 #include "stack/config.h"
 #include "stack/conntrack.h"
 #include "stack/device_table.h"
@@ -36,7 +38,8 @@ struct stack_core {
   explicit stack_core(const limits& bounds) : table_limits(bounds), reassembly(bounds) {}
 
   const limits table_limits;
-  device_table devices;  ///< constant while the router runs: no lock
+  device_table devices;                          ///< constant while the router runs: no lock
+  std::vector<std::unique_ptr<bridge>> bridges;  ///< likewise constant
   std::array<receive_counters, hosted::max_processors> received{};  ///< no lock
   bool offering = false;  ///< frames go to the module first; read_once(), no lock
 
