@@ -30,11 +30,11 @@ enum class [[nodiscard]] fate : u8{
     unknown_tag_mode,      ///< the bridge entry does not say how to treat the tag
     same_device,           ///< the bridged frame would leave where it came in
     too_long,              ///< it exceeds the output device's MTU
-    ipv6,                  ///< routed IPv6
+    link_local,            ///< an IPv6 address that means something on its link only
     bad_header,            ///< IPv4 header length or total length is impossible
     fragment,              ///< part of a larger datagram that is not known or may not go this way
     fragments_full,        ///< no room to record a first fragment
-    other_protocol,        ///< neither TCP nor UDP nor GRE
+    other_protocol,        ///< neither TCP nor UDP nor GRE; IPv6: not directly behind the header
     tunnelled,             ///< GRE that is no PPTP data packet, or a tunnel with no IPv4 inside
     group_address,         ///< multicast IP address
     tcp_syn,               ///< opens a connection

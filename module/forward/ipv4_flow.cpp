@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/forward/ipv4_flow.h"
 
-#include "kernel/wire/transport.h"
+#include "module/forward/ipv4_fragment.h"
 
 namespace tarvelo {
 namespace {
@@ -59,28 +59,6 @@ fate check_addresses(const wire::iphdr* ip) {
   return group ? fate::group_address : fate::forward;
 }
 
-fate read_transport(const sk_buff* skb, const packet_bounds& packet, ipv4_flow* flow) {
-  const auto l4_length = flow->is_tcp() ? u32{sizeof(wire::tcphdr)} : u32{sizeof(wire::udphdr)};
-  flow->end = packet.l4 + l4_length;
-  if (flow->end > readable_end(skb, packet)) return fate::truncated;
-  if (flow->is_tcp()) {
-    flow->tcp_flags = header_at<const wire::tcphdr>(skb, packet.l4)->flags;
-    if ((flow->tcp_flags & wire::tcp_flag::syn) != 0) return fate::tcp_syn;
-  }
-  // Source and destination port come first in both headers.
-  const auto* ports = header_at<const wire::be16>(skb, packet.l4);
-  flow->key.sport = ports[0].raw();
-  flow->key.dport = ports[1].raw();
-  if (flow->fragment == fragment_kind::none) return fate::forward;
-  return look_for_record(packet.ip, flow->key.sport, flow->key.dport, &flow->recorded);
-}
-
-fate read_ports(const sk_buff* skb, const packet_bounds& packet, ipv4_flow* flow) {
-  if (flow->has_ports()) return read_transport(skb, packet, flow);
-  flow->end = packet.l4;
-  return find_fragment_ports(packet.ip, flow->fragment, &flow->key.sport, &flow->key.dport);
-}
-
 [[nodiscard]] constexpr bool is_served(u8 protocol) {
   return protocol == wire::ip_protocol::tcp || protocol == wire::ip_protocol::udp;
 }
@@ -107,9 +85,8 @@ fate read_flow(const sk_buff* skb, const frame& f, ipv4_flow* flow) {
   flow->key = {ip->saddr.raw(), ip->daddr.raw(), 0, 0, ip->protocol};
   flow->l3 = flow->tunnel.inner;
   flow->l4 = packet.l4;
-  flow->tcp_flags = 0;
-  flow->recorded = false;
-  return read_ports(skb, packet, flow);
+  return read_ports<ipv4_fragments>(
+      skb, readable_end(skb, packet), [ip] { return fragment_key_of(ip); }, flow);
 }
 
 }  // namespace tarvelo

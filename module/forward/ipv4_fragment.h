@@ -1,25 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// The fragments of an IPv4 datagram on the packet path. Only the first has a transport header; it
-// is recorded when it is forwarded, so that the others find their ports. The last one takes the
-// record away.
-//
-// A fragment that overtakes the first, or whose datagram was never recorded, goes to the stack.
+// What IPv4 headers say about fragments, and the cache that their datagrams are recorded in.
 #pragma once
 
-#include "kernel/skbuff.h"
 #include "kernel/wire/ip.h"
-#include "module/forward/fate.h"
+#include "module/forward/fragment.h"
 #include "module/fragcache/ipv4.h"
 
 namespace tarvelo {
-
-enum class fragment_kind : u8 {
-  none,
-  first,
-  middle,
-  last,
-};
 
 [[nodiscard]] constexpr fragment_kind fragment_kind_of(const wire::iphdr* ip) {
   const u16 offset_and_more =
@@ -34,12 +22,15 @@ enum class fragment_kind : u8 {
   return {ip->id.raw(), ip->protocol, ip->saddr.raw(), ip->daddr.raw()};
 }
 
-/// The ports of a middle or last fragment, in network byte order; a last one takes the record away.
-/// Softirq context.
-fate find_fragment_ports(const wire::iphdr* ip, fragment_kind kind, u16* sport, u16* dport);
+struct ipv4_fragments {
+  using key = frag_key;
+  using found = found_frag;
 
-/// For a first fragment with these ports: `*known` tells whether it is recorded already. A record
-/// with other ports is another datagram's, with which its fragments would be mixed up.
-fate look_for_record(const wire::iphdr* ip, u16 sport, u16 dport, bool* known);
+  static bool find(const frag_key& id, found_frag* found) { return find_frag(id, found); }
+  static bool add(const frag_key& id, u16 sport, u16 dport, found_frag* added) {
+    return add_frag(id, sport, dport, added);
+  }
+  static void release(const found_frag& found) { free_cache(found); }
+};
 
 }  // namespace tarvelo

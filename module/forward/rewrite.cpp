@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/forward/rewrite.h"
 
-#include "kernel/jiffies.h"
 #include "kernel/wire/transport.h"
 #include "module/forward/checksum.h"
 #include "module/forward/frame.h"
 
 namespace tarvelo {
 namespace {
-
-constexpr u32 unreplied_udp_timeout = 30 * HZ;
-constexpr u32 least_timer_movement = HZ;
 
 /// The two fields of a packet that one translation changes.
 struct translated_end {
@@ -48,14 +44,6 @@ void translate(sk_buff* skb, const ipv4_flow& flow, const ipc_entry& entry) {
     check = wire::be16::from_raw(udp_checksum_changed(check.raw(), l4_change));
   }
   *end.port = wire::be16::from_raw(entry.natp);
-}
-
-void refresh_timeout(nf_conn* ct, u8 protocol) {
-  const bool established =
-      protocol == wire::ip_protocol::tcp || (read_once(ct->status) & IPS_SEEN_REPLY) != 0;
-  const u32 timeout = established ? nf_ct_established_timeout(protocol) : unreplied_udp_timeout;
-  const u32 expires = jiffies + timeout;
-  if (expires - nf_ct_expires(ct) >= least_timer_movement) nf_ct_refresh_pending(ct, expires);
 }
 
 }  // namespace tarvelo

@@ -7,7 +7,6 @@
 // All of it runs after the last test, under the connection table's lock, and cannot fail.
 #pragma once
 
-#include "kernel/nf_conntrack.h"
 #include "kernel/skbuff.h"
 #include "module/forward/ipv4_flow.h"
 #include "tarvelo/ipc_entry.h"
@@ -16,9 +15,5 @@ namespace tarvelo {
 
 /// Applies the entry's translation; an entry that says both ends translates the source only.
 void translate(sk_buff* skb, const ipv4_flow& flow, const ipc_entry& entry);
-
-/// Keeps the connection alive, as tracking would for a packet that it sees. The timer is touched
-/// only when its expiry moves by a second or more, and never revived.
-void refresh_timeout(nf_conn* ct, u8 protocol);
 
 }  // namespace tarvelo
