@@ -3,6 +3,7 @@
 
 #include "kernel/printk.h"
 #include "kernel/spinlock.h"
+#include "module/brc/notify.h"
 #include "module/brc/table.h"
 #include "module/core/memory.h"
 #include "module/core/refusals.h"
@@ -11,6 +12,7 @@
 #include "module/forward/vlan_tag.h"
 #include "module/ipc/add.h"
 #include "module/ipc/ct_ext.h"
+#include "module/ipc/pptp_frames.h"
 #include "module/ipc/remove.h"
 #include "module/ipc/table.h"
 #include "module/ipv6/table.h"

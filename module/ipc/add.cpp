@@ -8,7 +8,7 @@
 #include "module/forward/mac.h"
 #include "module/ipc/admission.h"
 #include "module/ipc/next_hop.h"
-#include "module/ipc/ppp_sides.h"
+#include "module/ipc/ppp_record.h"
 #include "module/ipc/table.h"
 #include "module/ipc/way_out.h"
 
@@ -41,12 +41,11 @@ void set_translation(ipc_entry* entry, const add_report& report) {
 }
 
 [[nodiscard]] ipc_entry* build_entry(const add_report& report, const admitted& packet,
-                                     const next_hop& hop, const way_out& out) {
-  constexpr auto size = static_cast<std::size_t>(ipc_entry_size::no_pppoe);
+                                     const next_hop& hop, const ppp_sides& sides) {
+  const std::size_t size = entry_size_for<ipc_entry_size>(sides.pppoe_count());
   auto* entry = static_cast<ipc_entry*>(plat_malloc_cleared(size));
   if (entry == nullptr) return nullptr;
-  entry->brc = out.bridge_entry;
-  entry->sendif = out.sendif;
+  entry->sendif = hop.dev;
   entry->create_time = jiffies;
   entry->ct = report.skb->nfct != nullptr ? nf_ct_of(report.skb->nfct) : nullptr;
   copy_mac(entry->dmac, hop.dmac);
@@ -59,6 +58,17 @@ void set_translation(ipc_entry* entry, const add_report& report) {
   entry->dir = packet.direction;
   set_translation(entry, report);
   return entry;
+}
+
+/// Both sides of PPP, and the device below VLAN devices and bridges. False when the flow must not
+/// be cached.
+[[nodiscard]] bool complete_entry(const sk_buff* skb, ipc_entry* entry, const ppp_sides& sides,
+                                  way_out* out) {
+  if (!record_ipc_ppp(skb, entry, sides)) return false;
+  if (!find_way_out(entry->sendif, entry->dmac, out)) return false;
+  entry->brc = out->bridge_entry;
+  entry->sendif = out->sendif;
+  return true;
 }
 
 void mark_added(const admitted& packet, const way_out& out) {
@@ -101,13 +111,14 @@ void _ip_conntrack_ipct_add(vok_handle* ci, sk_buff* skb, unsigned int hooknum, 
   const u32 destination = destination_translated ? tuple->dst.u3.ip : packet.ip->daddr.raw();
   next_hop hop;
   if (!find_next_hop(skb, packet.ip, destination, &hop)) return;
-  if (ppp_sides_of(input_device(skb), hop.dev).code != ppp_code::plain_to_plain) return;
-  way_out out;
-  if (!find_way_out(hop.dev, hop.dmac, &out)) return;
+  const ppp_sides sides = ppp_sides_of(input_device(skb), hop.dev);
+  if (!is_recordable(sides.code)) return;
 
-  ipc_entry* entry = build_entry(report, packet, hop, out);
-  if (entry == nullptr) {
-    if (out.bridge_entry != nullptr) put_bridge_entry(out.bridge_entry);
+  ipc_entry* entry = build_entry(report, packet, hop, sides);
+  if (entry == nullptr) return;
+  way_out out;
+  if (!complete_entry(skb, entry, sides, &out)) {
+    release_entry(entry);
     return;
   }
   if (ci == nullptr || ci->ipc == nullptr) {

@@ -67,8 +67,22 @@ bool find_next_hop(sk_buff* skb, const wire::iphdr* ip, u32 destination, next_ho
   if (!attach_route(skb, ip, destination)) return false;
   const rtable* route = forwarding_route(skb);
   if (route == nullptr) return false;
+  return find_next_hop_on(route, destination, hop);
+}
+
+bool find_next_hop_on(const rtable* route, u32 destination, next_hop* hop) {
   const u32 key = neighbour_key(route, destination);
   return read_next_hop(&arp_tbl, &key, route->dst.dev, hop);
+}
+
+bool has_cached_header(const rtable* route, u32 destination) {
+  const u32 key = neighbour_key(route, destination);
+  neighbour* neigh = neigh_lookup(&arp_tbl, &key, route->dst.dev);
+  if (neigh == nullptr) return false;
+  u8 header[wire::ethernet_length];
+  const bool cached = neigh_hh_copy(neigh, header);
+  neigh_release(neigh);
+  return cached;
 }
 
 }  // namespace tarvelo

@@ -6,6 +6,7 @@
 
 #include "kernel/neighbour.h"
 #include "kernel/netdevice.h"
+#include "kernel/route.h"
 #include "kernel/skbuff.h"
 #include "kernel/wire/ip.h"
 
@@ -27,5 +28,11 @@ struct next_hop {
 /// not plainly forwarded or the next hop's hardware address is not known; softirq context.
 [[nodiscard]] bool find_next_hop(sk_buff* skb, const wire::iphdr* ip, u32 destination,
                                  next_hop* hop);
+
+/// Finds the next hop of a packet for `destination` that takes that route. False when its hardware
+/// address is not known; any context.
+[[nodiscard]] bool find_next_hop_on(const rtable* route, u32 destination, next_hop* hop);
+/// True when that next hop's Ethernet header is there, ready made.
+[[nodiscard]] bool has_cached_header(const rtable* route, u32 destination);
 
 }  // namespace tarvelo

@@ -15,8 +15,16 @@ namespace tarvelo {
 
 namespace ppp_code {
 inline constexpr u16 pppoe_to_pppoe = 0x0000;
+inline constexpr u16 pppoe_to_l2tp = 0x0001;
+inline constexpr u16 pppoe_to_pptp = 0x0002;
 inline constexpr u16 pppoe_to_plain = 0x0011;
+inline constexpr u16 l2tp_to_pppoe = 0x0100;
+inline constexpr u16 l2tp_to_plain = 0x0111;
+inline constexpr u16 pptp_to_pppoe = 0x0200;
+inline constexpr u16 pptp_to_plain = 0x0211;
 inline constexpr u16 plain_to_pppoe = 0x1100;
+inline constexpr u16 plain_to_l2tp = 0x1101;
+inline constexpr u16 plain_to_pptp = 0x1102;
 inline constexpr u16 plain_to_plain = 0x1111;
 }  // namespace ppp_code
 
@@ -60,16 +68,22 @@ template <typename Entry>
   return sides.out.sid != pppoe_no_session;
 }
 
+/// The entry's frames come in the input's PPPoE session. False without a session.
+template <typename Entry>
+[[nodiscard]] bool record_pppoe_input(Entry* entry, const ppp_sides& sides) {
+  entry->flags |= ipc_flag::pppoe_in;
+  entry->ppp_dev = sides.input;
+  entry->pppoe_sid = sides.in.sid;
+  return sides.in.sid != pppoe_no_session;
+}
+
 /// Records a connection whose sides are PPPoE or plain in its new entry, which is large enough.
 /// False when a session is missing: such a connection is not to be cached.
 template <typename Entry>
 [[nodiscard]] bool record_pppoe_sides(Entry* entry, const ppp_sides& sides) {
   switch (sides.code) {
     case ppp_code::pppoe_to_plain:
-      entry->flags |= ipc_flag::pppoe_in;
-      entry->ppp_dev = sides.input;
-      entry->pppoe_sid = sides.in.sid;
-      return sides.in.sid != pppoe_no_session;
+      return record_pppoe_input(entry, sides);
     case ppp_code::plain_to_pppoe:
       entry->flags |= ipc_flag::pppoe_out;
       entry->ppp_dev = sides.output;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/ipc/remove.h"
 
+#include "kernel/ppp_channel.h"
 #include "kernel/printk.h"
 #include "kernel/wire/ip.h"
 #include "module/ipc/table.h"
@@ -25,12 +26,27 @@ template <typename Entry>
   return read_once(entry.ct->vok_ext->dev) == dev;
 }
 
+/// The parameters of the channel of a PPP interface; null for other devices.
+[[nodiscard]] const void* channel_of(net_device* dev) {
+  ppp_conn_info info = {};
+  return ppp_get_conn_pkt_info(dev, &info) == 0 ? ppp_channel_params(info.chan) : nullptr;
+}
+
+/// An entry that has a PPPoE side besides its tunnel does not name the tunnel's interface; but it
+/// points into that interface's channel, which it must not outlive.
+template <typename Entry>
+[[nodiscard]] bool uses_channel(const Entry& entry, const void* channel) {
+  if constexpr (requires { entry.session; }) return channel != nullptr && entry.session == channel;
+  return false;
+}
+
 template <typename Connections>
-void sweep_device(vok_handle* ci, const net_device* dev) {
+void sweep_device(vok_handle* ci, net_device* dev) {
   using entry = typename Connections::entry;
-  connection_table<Connections>::remove_matching(ci, [dev](const entry& candidate) {
+  const void* channel = channel_of(dev);
+  connection_table<Connections>::remove_matching(ci, [dev, channel](const entry& candidate) {
     return candidate.sendif == dev || (candidate.ppp_dev != nullptr && candidate.ppp_dev == dev) ||
-           relabels_session_of(candidate, dev);
+           relabels_session_of(candidate, dev) || uses_channel(candidate, channel);
   });
 }
 
@@ -58,6 +74,14 @@ int _vok_ipc_delete_by_dev(vok_handle* ci, net_device* dev) {
   sweep_device<ipv4_connections>(ci, dev);
   sweep_device<ipv6_connections>(ci, dev);
   return 0;
+}
+
+void session_delete_ipc(vok_handle* ci, l2tp_session* session) {
+  if (ci == nullptr) return;
+  remove_matching(ci, [session](const ipc_entry& entry) {
+    if ((entry.flags & (ipc_flag::l2tp_out | ipc_flag::l2tp_in)) == 0) return false;
+    return read_once(static_cast<const l2tp_params*>(entry.session)->l2tp_session) == session;
+  });
 }
 
 void switch_fast_path(vok_handle* ci, u8 enable) {
