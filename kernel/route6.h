@@ -49,8 +49,9 @@ int ip6_route_input(sk_buff* skb, const wire::in6_addr* daddr) noexcept;
 /// (dst_release()). Null when there is none.
 [[nodiscard]] rt6_info* ip6_route_output(const flowi6* flow) noexcept;
 
-/// The address whose neighbour entry the packet's frames are sent by: the route's gateway, or
-/// `daddr` when the destination is on-link. Valid as long as both arguments.
+/// The address under which the next hop is found among the neighbours: the route's gateway, or
+/// `daddr` when the destination is on-link, or all zero for a device that needs no addresses
+/// (point-to-point, loopback) and keeps one entry for all. Valid as long as both arguments.
 [[nodiscard]] const wire::in6_addr* rt6_nexthop(const rt6_info* rt,
                                                 const wire::in6_addr* daddr) noexcept;
 }

@@ -6,7 +6,6 @@
 #include "module/brc/notify.h"
 #include "module/brc/table.h"
 #include "module/core/memory.h"
-#include "module/core/refusals.h"
 #include "module/forward/entry.h"
 #include "module/forward/hooks.h"
 #include "module/forward/vlan_tag.h"
@@ -15,6 +14,7 @@
 #include "module/ipc/pptp_frames.h"
 #include "module/ipc/remove.h"
 #include "module/ipc/table.h"
+#include "module/ipv6/add.h"
 #include "module/ipv6/table.h"
 #include "module/proc/registration.h"
 
