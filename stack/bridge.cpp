@@ -5,6 +5,7 @@
 #include "stack/bridge_output.h"
 #include "stack/ethernet_frame.h"
 #include "stack/fast_path_devices.h"
+#include "stack/link_state.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
 
@@ -149,7 +150,7 @@ void bridge::report_all() {
 }
 
 void bridge::hosts_have_gone(u32 count) {
-  if (count != 0) core().tracker->path_changed(br_->dev, false);
+  if (count != 0) path_has_changed(br_->dev);
 }
 
 void bridge::start_ageing() {

@@ -10,6 +10,7 @@
 #include "kernel/vlan_table.h"
 #include "stack/fast_path_devices.h"
 #include "stack/neighbour_cache.h"
+#include "stack/ppp.h"
 #include "stack/route_setup.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
@@ -49,6 +50,20 @@ net_device* make_ethernet(const device_config& config, const mac_address& mac) {
   return dev;
 }
 
+net_device* make_point_to_point(const device_config& config, u16 type, const net_device_ops* ops) {
+  net_device* dev = alloc_netdev(config.name.c_str(), type);
+  if (dev == nullptr) return nullptr;
+  dev->flags |= IFF_POINTOPOINT;
+  dev->netdev_ops = ops;
+  return dev;
+}
+
+void enter_point_to_point(const device_config& config, net_device* dev, device_kind kind) {
+  enter_device(config, dev, kind);
+  const stack_guard guard;
+  if (!neighbour_add_point_to_point(dev)) refuse(config, "no room for its neighbour entry");
+}
+
 void build(const device_config& config, const port_link& link, const net_device_ops* port_ops) {
   net_device* dev = make_ethernet(config, link.mac);
   dev->netdev_ops = port_ops;
@@ -56,14 +71,8 @@ void build(const device_config& config, const port_link& link, const net_device_
 }
 
 void build(const device_config& config, const rawip_link&, const net_device_ops* port_ops) {
-  net_device* dev = alloc_netdev(config.name.c_str(), ARPHRD_NONE);
-  if (dev != nullptr) {
-    dev->flags |= IFF_POINTOPOINT;
-    dev->netdev_ops = port_ops;
-  }
-  enter_device(config, dev, device_kind::rawip);
-  const stack_guard guard;
-  if (!neighbour_add_point_to_point(dev)) refuse(config, "no room for its neighbour entry");
+  enter_point_to_point(config, make_point_to_point(config, ARPHRD_NONE, port_ops),
+                       device_kind::rawip);
 }
 
 void build(const device_config& config, const vlan_link& link, const net_device_ops*) {
@@ -110,9 +119,23 @@ void build(const device_config& config, const bridge_link& link, const net_devic
     add_bridge_port(config, made, name);
 }
 
-template <typename Link>
-void build(const device_config& config, const Link&, const net_device_ops*) {
-  refuse(config, "its type is not supported by this build");
+net_device* enter_ppp_interface(const device_config& config) {
+  net_device* dev = make_point_to_point(config, ARPHRD_PPP, ppp_device_ops());
+  enter_point_to_point(config, dev, device_kind::ppp);
+  return dev;
+}
+
+void build(const device_config& config, const pppoe_link& link, const net_device_ops*) {
+  net_device* parent = require_device(config, link.parent);
+  core().ppp.add(enter_ppp_interface(config), link, parent);
+}
+
+void build(const device_config& config, const l2tp_link& link, const net_device_ops*) {
+  core().ppp.add(enter_ppp_interface(config), link);
+}
+
+void build(const device_config& config, const pptp_link& link, const net_device_ops*) {
+  core().ppp.add(enter_ppp_interface(config), link);
 }
 
 }  // namespace

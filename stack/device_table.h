@@ -24,6 +24,7 @@ enum class device_kind : u8 {
   vlan,    ///< Ethernet, a VLAN of the device beneath
   bridge,  ///< Ethernet, the router's own place on the segment that its ports make up
   rawip,   ///< IP packets without a link-layer header
+  ppp,     ///< IP packets, wrapped and sent by the device beneath
 };
 
 struct device_record {

@@ -6,6 +6,7 @@
 #include "stack/arp.h"
 #include "stack/ethernet_frame.h"
 #include "stack/ip_input.h"
+#include "stack/pppoe.h"
 #include "stack/stack_core.h"
 #include "stack/vlan.h"
 
@@ -62,6 +63,8 @@ receive_verdict deliver_frame(sk_buff* skb, addressee to) {
       return to == addressee::router ? input_ip_packet(skb) : discard(skb);
     case wire::ethertype::arp:
       return input_arp(skb);
+    case wire::ethertype::pppoe_session:
+      return to == addressee::router ? input_pppoe(skb) : discard(skb);
     default:
       return discard(skb);
   }

@@ -5,6 +5,7 @@
 #include "stack/icmp.h"
 #include "stack/ip_packet.h"
 #include "stack/stack_core.h"
+#include "stack/tunnel_packet.h"
 
 namespace tarvelo::stack {
 
@@ -63,12 +64,17 @@ receive_verdict input_ip_packet(sk_buff* skb) {
     if (datagram == nullptr) return verdict;
     skb = datagram;
   }
-  if (core().tracker->pre_routing(skb) == track_verdict::drop) return discard(skb);
+  const bool is_tracked = session_of_packet(skb) == nullptr;
+  if (is_tracked && core().tracker->pre_routing(skb) == track_verdict::drop) return discard(skb);
   return route_packet(skb);
 }
 
 receive_verdict deliver_locally(sk_buff* skb) {
   if (core().tracker->local_in(skb) == track_verdict::drop) return discard(skb);
+  if (const ppp_session* session = session_of_packet(skb); session != nullptr) {
+    return input_tunnel_packet(skb, *session);
+  }
+  if (is_between_tunnel_ends(skb)) return discard(skb);  // someone listens there: no error
   switch (ip_header(skb)->protocol) {
     case wire::ip_protocol::icmp:
       return deliver_icmp(skb);

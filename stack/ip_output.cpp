@@ -4,6 +4,7 @@
 #include "stack/ip_fragment.h"
 #include "stack/ip_packet.h"
 #include "stack/neighbour_cache.h"
+#include "stack/ppp.h"
 #include "stack/stack_core.h"
 
 namespace tarvelo::stack {
@@ -30,6 +31,8 @@ receive_verdict output_to_next_hop(sk_buff* skb, u32 next_hop) {
       return neighbour_output(skb, next_hop);
     case device_kind::rawip:
       return output_raw(skb);
+    case device_kind::ppp:
+      return output_ppp(skb);
   }
   return discard(skb);
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "stack/fast_path_devices.h"
+#include "stack/fast_path_tunnels.h"
 #include "stack/neighbour_cache.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
@@ -55,8 +56,15 @@ void link_has_gone_down(net_device* dev) {
     for (const device_record* record : affected)
       forget_paths_by(*record);
   }
-  for (const device_record* record : affected)
+  for (const device_record* record : affected) {
     fast_path_sweep(record->dev);
+    if (const ppp_session* session = session_of(record->dev)) fast_path_sweep(*session);
+  }
+}
+
+void path_has_changed(const net_device* dev) {
+  for (const device_record* record : stack_above(dev))
+    core().tracker->path_changed(record->dev, false);
 }
 
 }  // namespace tarvelo::stack

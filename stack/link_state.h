@@ -15,4 +15,9 @@ namespace tarvelo::stack {
 void link_has_come_up(net_device* dev);
 void link_has_gone_down(net_device* dev);
 
+/// The way on from a device has changed, as when a next hop has another hardware address: the
+/// connections that use the device, or one that is stacked on it, leave the fast path and may be
+/// added anew. Stack's lock.
+void path_has_changed(const net_device* dev);
+
 }  // namespace tarvelo::stack

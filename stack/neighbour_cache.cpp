@@ -7,6 +7,7 @@
 #include "kernel/route.h"
 #include "stack/arp.h"
 #include "stack/icmp.h"
+#include "stack/link_state.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
 
@@ -144,7 +145,7 @@ void fail(neighbour* n) {
   enter(n, NUD_FAILED, failed_time);
   drain(take_queue(n),
         [](sk_buff* skb) { static_cast<void>(reject(skb, icmp_error::host_unreachable())); });
-  if (was_known) core().tracker->path_changed(n->dev, false);
+  if (was_known) path_has_changed(n->dev);
 }
 
 void ask_again(neighbour* n) {
@@ -224,7 +225,7 @@ void note_address(neighbour* n, const u8* mac, u8 state) {
   if (state == NUD_REACHABLE) n->confirmed = jiffies;
   start_timer(n, state == NUD_REACHABLE ? reachable_time : stale_time);
   drain(take_queue(n), [n](sk_buff* skb) { static_cast<void>(transmit(skb, n)); });
-  if (changed) core().tracker->path_changed(n->dev, false);
+  if (changed) path_has_changed(n->dev);
 }
 
 bool add_configured(net_device* dev, u32 address, const u8* mac, u8 state) {

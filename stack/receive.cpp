@@ -6,7 +6,9 @@
 #include "kernel/fast_path.h"
 #include "stack/ethernet_frame.h"
 #include "stack/ethernet_input.h"
+#include "stack/fast_path_tunnels.h"
 #include "stack/ip_input.h"
+#include "stack/pppoe.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
 
@@ -49,6 +51,7 @@ bool taken_by_fast_path(sk_buff* skb) noexcept {
   if (!read_once(core().offering)) return false;
   vok_handle* handle = rcu_dereference(kcih);
   if (handle == nullptr || read_once(handle->enable) == 0) return false;
+  if (is_tunnel_control(handle, skb)) return false;
   count_once(counters().offered);
   if (handle->_vok_forward(handle, skb, 0) != 0) return false;
   count_once(counters().fast);
@@ -74,7 +77,11 @@ receive_verdict receive_ethernet(sk_buff* skb) {
   if (!is_proper_frame(skb)) return discard(skb);
   const frame_place place = place_of(skb);
   if (is_for_strangers(skb, place)) return discard(skb);
-  if (may_be_offered(skb, place) && taken_by_fast_path(skb)) return receive_verdict::fast;
+  if (may_be_offered(skb, place)) {
+    const net_device* dev = place.port != nullptr ? place.port->br->dev : place.dev;
+    if (is_known_session_frame(skb, dev)) skb->fast_flags |= fast_flag::received_on_ppp;
+    if (taken_by_fast_path(skb)) return receive_verdict::fast;
+  }
   const stack_guard guard;
   return input_frame(skb);
 }

@@ -85,6 +85,7 @@ void router::state::build(const router_config& config, const net_device_ops* por
     const stack_guard guard;
     add_configured_neighbour(entry, dev);
   }
+  shared.ppp.settle();
   shared.tracker = std::make_unique<connection_tracker>(
       config, [this](const std::string& name) { return shared.devices.by_name(name); });
   for (const auto& record : shared.devices.all())
@@ -101,7 +102,7 @@ net_device* router::state::require_device(const std::string& name) const {
 }
 
 /// In the order in which things depend on each other, as far as they have been set up: what waits
-/// holds connections, connections, routes and bridges hold devices.
+/// holds connections, connections, routes, bridges and sessions hold devices.
 void router::state::take_down() {
   set_module_notifier(nullptr);
   write_once(shared.offering, false);
@@ -116,6 +117,7 @@ void router::state::take_down() {
       neighbour_forget_all(record->dev);
   }
   shared.tracker.reset();
+  shared.ppp.clear();
   take_devices_away();
   inet_set_input(nullptr);
   rcu_barrier();

@@ -17,6 +17,7 @@
 #include "stack/conntrack.h"
 #include "stack/device_table.h"
 #include "stack/icmp_limit.h"
+#include "stack/ppp_table.h"
 #include "stack/reassembly.h"
 #include "stack/router.h"
 
@@ -40,6 +41,7 @@ struct stack_core {
   const limits table_limits;
   device_table devices;                          ///< constant while the router runs: no lock
   std::vector<std::unique_ptr<bridge>> bridges;  ///< likewise constant
+  ppp_table ppp;                                 ///< likewise constant
   std::array<receive_counters, hosted::max_processors> received{};  ///< no lock
   bool offering = false;  ///< frames go to the module first; read_once(), no lock
 
