@@ -65,7 +65,7 @@ br_fdb_fate remove_host(net_bridge_fdb_entry* entry, void*) {
 }
 
 br_fdb_fate report_host(net_bridge_fdb_entry* entry, void*) {
-  fast_path_host_changed(entry);
+  fast_path_host_learnt(entry);
   return br_fdb_fate::keep;
 }
 
@@ -130,11 +130,11 @@ bool bridge::learn(net_bridge_port* port, const u8* sender) {
     case br_fdb_outcome::own:
       return false;
     case br_fdb_outcome::learnt:
-      fast_path_host_changed(seen.entry);
+      fast_path_host_learnt(seen.entry);
       start_ageing();
       return true;
     case br_fdb_outcome::moved:
-      fast_path_host_changed(seen.entry);
+      fast_path_host_moved(seen.entry);
       hosts_have_gone(1);
       return true;
   }

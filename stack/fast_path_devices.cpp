@@ -9,8 +9,8 @@ namespace tarvelo::stack {
 namespace {
 
 /// Local entries are the bridge's own addresses, which are no hosts behind it.
-net_bridge_port* reported_port(const net_bridge_fdb_entry* entry) noexcept {
-  return entry->is_local ? nullptr : rcu_dereference(entry->dst);
+bool is_reported(const net_bridge_fdb_entry* entry) noexcept {
+  return !entry->is_local && fast_path_knows_port(rcu_dereference(entry->dst));
 }
 
 void report(net_bridge_fdb_entry* entry, int type) noexcept {
@@ -30,16 +30,17 @@ bool fast_path_knows_port(const net_bridge_port* port) noexcept {
   return !is_vlan_dev(dev) || (vlan_dev_flags(dev) & VLAN_FLAG_REORDER_HDR) != 0;
 }
 
-void fast_path_host_changed(net_bridge_fdb_entry* entry) noexcept {
-  const net_bridge_port* port = reported_port(entry);
-  if (port == nullptr) return;
-  // A host that has moved to where the module cannot follow is gone as far as the module goes.
-  report(entry, fast_path_knows_port(port) ? RTM_NEWNEIGH : RTM_DELNEIGH);
+void fast_path_host_learnt(net_bridge_fdb_entry* entry) noexcept {
+  if (is_reported(entry)) report(entry, RTM_NEWNEIGH);
+}
+
+void fast_path_host_moved(net_bridge_fdb_entry* entry) noexcept {
+  // To where the module cannot follow: there it is gone.
+  report(entry, is_reported(entry) ? RTM_NEWNEIGH : RTM_DELNEIGH);
 }
 
 void fast_path_host_gone(net_bridge_fdb_entry* entry) noexcept {
-  const net_bridge_port* port = reported_port(entry);
-  if (port != nullptr && fast_path_knows_port(port)) report(entry, RTM_DELNEIGH);
+  if (is_reported(entry)) report(entry, RTM_DELNEIGH);
 }
 
 bool fast_path_host_seen(const net_bridge_fdb_entry* entry, u32* when) noexcept {

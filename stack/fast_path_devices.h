@@ -18,9 +18,11 @@ void fast_path_sweep(net_device* dev) noexcept;
 /// True when the module is told of hosts behind this port.
 [[nodiscard]] bool fast_path_knows_port(const net_bridge_port* port) noexcept;
 
-/// An entry of a bridge's database is new or has another port. Any context; the bridge's hash lock
-/// may be held.
-void fast_path_host_changed(net_bridge_fdb_entry* entry) noexcept;
+/// An entry of a bridge's database is new, or new to the module. Any context; the bridge's hash
+/// lock may be held.
+void fast_path_host_learnt(net_bridge_fdb_entry* entry) noexcept;
+/// An entry has got another port. Likewise.
+void fast_path_host_moved(net_bridge_fdb_entry* entry) noexcept;
 /// An entry is about to leave the database; its port is still there. Likewise.
 void fast_path_host_gone(net_bridge_fdb_entry* entry) noexcept;
 
