@@ -13,6 +13,8 @@ namespace tarvelo::stack {
 
 namespace {
 
+constexpr u8 no_mac[wire::mac_length] = {};
+
 /// 01:80:C2:00:00:00 to 0F are never passed on by a bridge (802.1Q, table 8-1).
 bool is_link_local_group(const u8* mac) noexcept {
   constexpr u8 block[] = {0x01, 0x80, 0xC2, 0x00, 0x00};
@@ -113,15 +115,16 @@ bridge_decision bridge::input(sk_buff* skb, net_bridge_port* port) {
   if (!learn(port, eth->h_source) || !is_forwarding(port)) return bridge_decision::dropped;
   if (is_link_local_group(eth->h_dest)) return bridge_decision::dropped;
   if (is_group_mac(eth->h_dest)) {
-    bridge_flood(skb, br_, port);
-    return bridge_decision::up;
+    return bridge_flood(skb, br_, port) ? bridge_decision::flooded : bridge_decision::up;
   }
   if (is_for_router(eth->h_dest, port)) return bridge_decision::up;
   return bridge_send(skb, br_, port) ? bridge_decision::forwarded : bridge_decision::dropped;
 }
 
-/// False for a frame that comes from the bridge's own address: it has gone round in a loop.
+/// False for a frame that no host has sent: from no address, or from one of the bridge's own, which
+/// has gone round in a loop.
 bool bridge::learn(net_bridge_port* port, const u8* sender) {
+  if (same_mac(sender, no_mac)) return false;
   const br_fdb_update_result seen = br_fdb_update(port, sender);
   switch (seen.outcome) {
     case br_fdb_outcome::refreshed:

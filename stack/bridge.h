@@ -27,6 +27,7 @@ inline constexpr u32 bridge_ageing_step = 10 * HZ;
 /// What became of a frame that came in on a port.
 enum class bridge_decision : u8 {
   up,         ///< goes on at the bridge device; the buffer stays the caller's
+  flooded,    ///< the same, and copies have gone out
   forwarded,  ///< the buffer is gone
   dropped,    ///< the buffer stays the caller's
 };

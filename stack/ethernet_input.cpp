@@ -6,6 +6,7 @@
 #include "stack/arp.h"
 #include "stack/ethernet_frame.h"
 #include "stack/ip_input.h"
+#include "stack/ipv6_input.h"
 #include "stack/pppoe.h"
 #include "stack/stack_core.h"
 #include "stack/vlan.h"
@@ -43,6 +44,20 @@ bool enter(sk_buff* skb, const frame_place& place) noexcept {
   return true;
 }
 
+bool enter_bridge_device(sk_buff* skb, net_device* dev) noexcept {
+  skb->dev = dev;
+  if ((read_once(dev->flags) & IFF_UP) == 0) return false;
+  dev_count_rx(dev, skb->len);
+  return true;
+}
+
+/// The verdict on a frame of which a bridge may have `sent` copies, whatever became of the rest.
+receive_verdict end_of(receive_verdict verdict, bool sent) noexcept {
+  if (!sent) return verdict;
+  ++core().slow_forwarded;
+  return receive_verdict::slow;
+}
+
 bridge_decision pass_through_bridge(sk_buff* skb, net_bridge_port* port) {
   for (const auto& one : core().bridges) {
     if (one->device() == port->br->dev) return one->input(skb, port);
@@ -61,6 +76,8 @@ receive_verdict deliver_frame(sk_buff* skb, addressee to) {
     case wire::ethertype::ipv4:
       // To a group: none of the router's services is reached that way, and it forwards none.
       return to == addressee::router ? input_ip_packet(skb) : discard(skb);
+    case wire::ethertype::ipv6:
+      return to == addressee::router ? input_ipv6_packet(skb) : input_ipv6_group_packet(skb);
     case wire::ethertype::arp:
       return input_arp(skb);
     case wire::ethertype::pppoe_session:
@@ -87,26 +104,27 @@ frame_place place_of(const sk_buff* skb) noexcept {
 receive_verdict input_frame(sk_buff* skb) {
   skb->priority = content_priority(skb, skb->priority);
   addressee to = addressee::stranger;
+  bool sent = false;
   for (;;) {
     while (is_priority_tagged(skb))
       remove_vlan_tag(skb);
     const frame_place place = place_of(skb);
-    if (!enter(skb, place)) return discard(skb);
+    if (!enter(skb, place)) return end_of(discard(skb), sent);
     to = addressee_at(skb, place.dev, to);
-    if (place.port == nullptr) return deliver_frame(skb, to);
+    if (place.port == nullptr) return end_of(deliver_frame(skb, to), sent);
 
     switch (pass_through_bridge(skb, place.port)) {
       case bridge_decision::forwarded:
-        ++core().slow_forwarded;
-        return receive_verdict::slow;
+        return end_of(receive_verdict::slow, true);
       case bridge_decision::dropped:
-        return discard(skb);
+        return end_of(discard(skb), sent);
+      case bridge_decision::flooded:
+        sent = true;
+        break;
       case bridge_decision::up:
         break;
     }
-    skb->dev = place.port->br->dev;
-    if ((read_once(skb->dev->flags) & IFF_UP) == 0) return discard(skb);
-    dev_count_rx(skb->dev, skb->len);
+    if (!enter_bridge_device(skb, place.port->br->dev)) return end_of(discard(skb), sent);
   }
 }
 
