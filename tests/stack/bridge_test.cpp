@@ -96,7 +96,7 @@ TEST_F(bridge_report_test, floods_until_it_has_learnt_where_a_host_is) {
   announce(4, lan0);
   EXPECT_EQ(way_to(4), names{}) << "behind the port that the frame came from";
   EXPECT_EQ(told(), (names{"+ 1 lan0", "+ 2 lan1", "+ 3 lan2.20", "+ 4 lan0"}));
-  EXPECT_EQ(router->statistics().slow_forwarded, 3U);
+  EXPECT_EQ(router->statistics().slow_forwarded, 6U) << "with three announcements";
 }
 
 TEST_F(bridge_report_test, a_flooded_frame_has_the_tag_of_each_port) {
@@ -130,6 +130,53 @@ TEST_F(bridge_report_test, foreign_tags_pass_as_they_are_and_priority_tags_are_t
   EXPECT_FRAME_EQ(only_frame_on("lan1"), between(2, 1, lan0).build());
 }
 
+// The router has no use for most of what goes to groups; the hosts may.
+TEST_F(bridge_report_test, what_is_for_a_group_goes_to_everyone) {
+  const char* const groups[] = {everyone_mac, "01:00:5e:00:00:fb", "33:33:00:00:00:01"};
+  for (const char* group : groups) {
+    const packet frame =
+        link_header(lan0, group, host_mac_of(1)).ipv4(host_address(1), "224.0.0.251").udp(1, 2);
+    EXPECT_EQ(receive_at(lan0, frame), receive_verdict::slow) << group;
+    EXPECT_EQ(ports_sent_on(), all_but_lan0);
+  }
+  EXPECT_EQ(router->statistics().dropped, 0U);
+}
+
+TEST_F(bridge_report_test, what_finds_no_room_is_flooded_and_not_learnt) {
+  router.reset();
+  config.table_limits.bridge_hosts = 2;
+  start();
+  announce(1, lan0);
+  announce(2, lan1);
+  announce(3, vlan20);
+  EXPECT_EQ(told(), (names{"+ 1 lan0", "+ 2 lan1"}));
+  EXPECT_EQ(way_to(3), all_but_lan0);
+  EXPECT_EQ(receive_at(vlan20, between(1, 3, vlan20)), receive_verdict::slow);
+  EXPECT_EQ(ports_sent_on(), names{"lan0"});
+}
+
+TEST_F(bridge_report_test, is_built_whole_or_not_at_all) {
+  router.reset();
+  for (u32 n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    const fault::outstanding before = fault::now();
+    fault::fail_allocation(n);
+    bool built = true;
+    try {
+      start();
+    } catch (const stack::setup_error&) {
+      built = false;
+    }
+    const bool failed = fault::fired();
+    fault::fail_allocation(0);
+    router.reset();
+    rcu_barrier();
+    ASSERT_EQ(fault::now(), before);
+    ASSERT_EQ(built, !failed);
+    if (!failed) return;
+  }
+}
+
 TEST_F(bridge_report_test, loops_and_frames_for_no_one_are_dropped) {
   announce(1, lan0);
   const auto from_to = [](std::string_view from, std::string_view to) {
@@ -138,7 +185,8 @@ TEST_F(bridge_report_test, loops_and_frames_for_no_one_are_dropped) {
   const packet rows[] = {
       from_to(bridge_mac, host_mac_of(1)),          from_to("02:00:00:00:01:11", host_mac_of(1)),
       from_to(host_mac_of(2), "01:80:c2:00:00:00"), from_to(host_mac_of(2), "01:80:c2:00:00:0e"),
-      from_to(host_mac_of(1), "02:00:00:00:01:11"), from_to(everyone_mac, host_mac_of(1)),
+      from_to(host_mac_of(1), "02:00:00:00:01:11"), from_to("00:00:00:00:00:00", host_mac_of(2)),
+      from_to(everyone_mac, host_mac_of(1)),
   };
   for (const packet& row : rows)
     EXPECT_EQ(receive_at(lan0, row), receive_verdict::dropped) << describe(row.build());
