@@ -106,6 +106,14 @@ TEST_F(Routes6, LongestPrefixWinsAndNamesItsNextHop) {
   }
 }
 
+/// A point-to-point device has no next hops to tell apart.
+TEST_F(Routes6, NeedNoAddressOnAPointToPointDevice) {
+  wan_->flags |= IFF_POINTOPOINT;
+  ASSERT_EQ(add("::", 0, RTN_UNICAST, wan_, "fe80::1"), 0);
+  const wire::in6_addr destination = ip6("2001:db8::1");
+  EXPECT_EQ(*rt6_nexthop(output("2001:db8::1"), &destination), ip6("::"));
+}
+
 TEST_F(Routes6, RefusesWhatIsNoPrefixOrIsThere) {
   EXPECT_EQ(add("2001:db8::1", 127, RTN_UNICAST, lan_), -EINVAL);
   EXPECT_EQ(add("2001:db8::", 129, RTN_UNICAST, lan_), -EINVAL);
