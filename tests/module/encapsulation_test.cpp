@@ -164,16 +164,25 @@ TEST_F(encapsulated, counts_a_relabelled_frame_where_the_kernel_says) {
 }
 
 TEST_F(encapsulated, shows_vlan_input_only_without_ppp) {
+  vlan_device below("lan0.20", lan, 20);
   set_up(side::plain, side::pppoe);
   connect();
-  vlan_device below("lan0.20", lan, 20);
   ct->vok_ext->dev = below;
   ASSERT_EQ(offer(offered(true), lan), fate::forward);
   EXPECT_EQ(dev_stats(below).rx_packets, 1U);
   EXPECT_EQ(dev_stats(below).rx_bytes, 62U);
-  entry()->flags |= ipc_flag::pppoe_in_out;
-  EXPECT_EQ(offer(offered(true), lan), fate::encapsulation);
+  ASSERT_EQ(offer(offered(false), lan), fate::forward);
   EXPECT_EQ(dev_stats(below).rx_packets, 1U);
+}
+
+TEST_F(encapsulated, leaves_vlan_input_to_the_ppp_interface_above) {
+  vlan_device below("lan0.20", lan, 20);
+  set_up(side::pppoe, side::plain);
+  connect();
+  ct->vok_ext->dev = below;
+  ASSERT_EQ(offer(offered(true), lan), fate::forward);
+  EXPECT_EQ(dev_stats(below).rx_packets, 0U);
+  EXPECT_EQ(dev_stats(in_ppp_->dev).rx_packets, 1U);
 }
 
 /// A slot without a device says nothing: the VLAN device itself gets the frame, to tag it. The one
