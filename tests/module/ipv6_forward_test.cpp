@@ -342,6 +342,56 @@ TEST_F(ipv6_routed, hands_back_by_the_state_of_the_connection) {
   }
 }
 
+constexpr u8 hook_family = 10;
+
+/// What a hook of a test answers and has seen.
+struct {
+  unsigned verdict;
+  int calls;
+  int header_length;  ///< network minus MAC header
+} hook_record;
+
+unsigned record_call(unsigned, u8 pf, sk_buff* skb) {
+  EXPECT_EQ(pf, hook_family);
+  ++hook_record.calls;
+  hook_record.header_length = skb->network_header - skb->mac_header;
+  return hook_record.verdict;
+}
+
+TEST_F(ipv6_routed, asks_the_hooks_of_its_family) {
+  struct {
+    vok_hook_point point;
+    unsigned verdict;
+    fate result;
+  } const rows[] = {
+      {VOK_HOOK_IP_PRE_ROUTING, VOK_ACCEPT, fate::forward},
+      {VOK_HOOK_IP_PRE_ROUTING, VOK_DIVERT, fate::hook_diverted},
+      {VOK_HOOK_IP_PRE_ROUTING, VOK_DROP, fate::drop},
+      {VOK_HOOK_IP_PRE_ROUTING, 4, fate::hook_error},
+      {VOK_HOOK_IP_POST_ROUTING, VOK_ACCEPT, fate::forward},
+      {VOK_HOOK_IP_POST_ROUTING, VOK_DIVERT, fate::hook_diverted},
+      {VOK_HOOK_IP_POST_ROUTING, VOK_DROP, fate::drop},
+      {VOK_HOOK_IP_POST_ROUTING, 4, fate::hook_error},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.point << " " << row.verdict);
+    hook_record = {row.verdict, 0, 0};
+    vok_hook_ops ops = {{}, record_call, nullptr, hook_family, static_cast<u8>(row.point), 0, "tester"};
+    ASSERT_EQ(kcih->_vok_register_hook(kcih, &ops), 0);
+    EXPECT_EQ(offer(segment().build(), lan), row.result);
+    EXPECT_EQ(hook_record.calls, 1);
+    EXPECT_EQ(hook_record.header_length, int{wire::ethernet_length});
+    EXPECT_EQ(offer(packet_of(tcp, lan_mac, host_mac, inside, peer).build(), lan), fate::no_entry);
+    EXPECT_EQ(hook_record.calls, 1) << "asked for IPv4";
+    EXPECT_EQ(kcih->_vok_unregister_hook(kcih, &ops), 0);
+    synchronize_rcu();
+    EXPECT_EQ(ct.references(), 1);
+  }
+  EXPECT_EQ(log.take_text(),
+            (std::vector<std::string>{"the VOK_HOOK_IP_PRE_ROUTING return value is error\n",
+                                      "the VOK_HOOK_IP_POST_ROUTING return value is error\n"}));
+}
+
 /// Every bit of the headers, one at a time: whatever comes out is a decision, not an accident.
 TEST_F(ipv6_routed, survives_every_flipped_bit) {
   const packet first = fragment6(link(), 1, 1, inside6, peer6).udp(40000, 443).payload(8);

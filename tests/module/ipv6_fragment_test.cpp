@@ -85,6 +85,22 @@ TEST_F(ipv6_fragments_test, need_the_first_and_their_own_identity) {
   EXPECT_EQ(recorded(), 1);
 }
 
+/// Out of a session they go like anything else; into one the first is not taken.
+TEST_F(ipv6_fragments_test, come_by_pppoe) {
+  pppoe_line line("ppp0", lan, 0x1234, host_mac);
+  const endpoint from = {inside6.address, 42000};
+  tracked6 connection(udp, from, peer6);
+  report6 r = outbound(connection, udp, from.port);
+  r.dev = r.rx_dev = line;
+  ripen6(r);
+  for (u16 n = 0; n < 3; ++n) {
+    const bool last = n == 2;
+    ASSERT_EQ(offer(fragment(link().pppoe(0x1234), 1, n, last, from.port), lan), fate::forward);
+    EXPECT_FRAME_EQ(wan.take().at(0).data, fragment(sent_link(), 1, n, last, from.port));
+  }
+  EXPECT_EQ(recorded(), 0);
+}
+
 TEST_F(ipv6_fragments_test, are_forgotten_after_their_time) {
   EXPECT_EQ(offer_fragment(1, 0), fate::forward);
   pass(fragment_lifetime - 1);
