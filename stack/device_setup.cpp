@@ -7,8 +7,10 @@
 #include "kernel/errno.h"
 #include "kernel/if_vlan.h"
 #include "kernel/route.h"
+#include "kernel/route6.h"
 #include "kernel/vlan_table.h"
 #include "stack/fast_path_devices.h"
+#include "stack/ipv6_setup.h"
 #include "stack/neighbour_cache.h"
 #include "stack/ppp.h"
 #include "stack/route_setup.h"
@@ -142,7 +144,9 @@ void build(const device_config& config, const pptp_link& link, const net_device_
 
 void set_up_device(const device_config& config, const net_device_ops* port_ops) {
   std::visit([&](const auto& link) { build(config, link, port_ops); }, config.link);
-  add_device_routes(config, core().devices.by_name(config.name));
+  net_device* dev = core().devices.by_name(config.name);
+  add_device_routes(config, dev);
+  set_up_ipv6(config, dev);
 }
 
 void take_devices_away() {
@@ -150,6 +154,7 @@ void take_devices_away() {
     net_device* dev = record->dev;
     fast_path_sweep(dev);
     ip_route_flush(dev);
+    ip6_route_flush(dev);
     if (is_vlan_dev(dev)) vlan_table_remove(dev);
     unregister_netdevice(dev);
   }

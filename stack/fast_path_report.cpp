@@ -51,6 +51,15 @@ void fast_path_report(sk_buff* skb, nf_inet_hooks hook,
   skb->fast_flags &= ~fast_flag::add_as_reply;
 }
 
+void fast_path_report_ipv6(sk_buff* skb) noexcept {
+  const published_handle handle;
+  if (!handle) return;
+  net_device* out = skb->dev;
+  skb->dev = skb->rx_dev;
+  handle->__ipv6_conntrack_ipc_add(handle.get(), skb);
+  skb->dev = out;
+}
+
 bool fast_path_names_device(const nf_conn* ct, const net_device* dev) noexcept {
   const vok_ct_ext* ext = ct->vok_ext;
   if (ext == nullptr) return false;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "stack/ip_input.h"
 
+#include <utility>
+
 #include "stack/checksum.h"
 #include "stack/icmp.h"
 #include "stack/ip_packet.h"
@@ -60,9 +62,10 @@ receive_verdict input_ip_packet(sk_buff* skb) {
   if (!addresses_are_sound(ip_header(skb))) return discard(skb);
 
   if (is_fragment(ip_header(skb))) {
-    const auto [datagram, verdict] = core().reassembly.add(skb);
-    if (datagram == nullptr) return verdict;
-    skb = datagram;
+    const reassembly_table::result put_together =
+        core().reassembly.add(skb, std::exchange(core().as_offered, {}));
+    if (put_together.datagram == nullptr) return put_together.verdict;
+    skb = put_together.datagram;
   }
   const bool is_tracked = session_of_packet(skb) == nullptr;
   if (is_tracked && core().tracker->pre_routing(skb) == track_verdict::drop) return discard(skb);

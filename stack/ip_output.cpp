@@ -20,8 +20,14 @@ receive_verdict output_raw(sk_buff* skb) {
   return dev_queue_xmit(skb) == NETDEV_TX_OK ? receive_verdict::slow : receive_verdict::dropped;
 }
 
-/// Sends a packet that fits its device.
-receive_verdict output_to_next_hop(sk_buff* skb, u32 next_hop) {
+u32 next_hop_of(const sk_buff* skb) noexcept {
+  const u32 gateway = rt_next_hop(reinterpret_cast<const rtable*>(skb_dst(skb)));
+  return gateway != 0 ? gateway : ip_header(skb)->daddr.raw();
+}
+
+}  // namespace
+
+receive_verdict output_to_next_hop(sk_buff* skb, const ip_address& next_hop) {
   const device_record* record = core().devices.find(skb->dev);
   if (record == nullptr) return discard(skb);
   switch (record->kind) {
@@ -36,13 +42,6 @@ receive_verdict output_to_next_hop(sk_buff* skb, u32 next_hop) {
   }
   return discard(skb);
 }
-
-u32 next_hop_of(const sk_buff* skb) noexcept {
-  const u32 gateway = rt_next_hop(reinterpret_cast<const rtable*>(skb_dst(skb)));
-  return gateway != 0 ? gateway : ip_header(skb)->daddr.raw();
-}
-
-}  // namespace
 
 receive_verdict output_packet(sk_buff* skb) {
   const u32 next_hop = next_hop_of(skb);

@@ -5,6 +5,7 @@
 #include "kernel/wire/ethernet.h"
 #include "kernel/wire/ppp.h"
 #include "stack/ip_input.h"
+#include "stack/ipv6_input.h"
 #include "stack/l2tp.h"
 #include "stack/pppoe.h"
 #include "stack/pptp.h"
@@ -34,11 +35,16 @@ receive_verdict send_by_channel(sk_buff* skb, const ppp_session& session) {
   return discard(skb);
 }
 
-/// The fast path has no lock; the way of a tunnel's packet through the router needs it. The packet
-/// is taken in any case, whatever becomes of it outside.
+/// The fast path sends without a lock. A session frame needs none, but the way of a tunnel's packet
+/// through the router does. The packet is taken in any case, whatever becomes of it outside.
 int start_xmit(sk_buff* skb, net_device* dev) {
+  const ppp_session& session = *session_of(dev);
+  if (session.type() == ppp_channel_type::pppoe) {
+    static_cast<void>(send_by_channel(skb, session));
+    return NETDEV_TX_OK;
+  }
   const stack_guard guard;
-  static_cast<void>(send_by_channel(skb, *session_of(dev)));
+  static_cast<void>(send_by_channel(skb, session));
   return NETDEV_TX_OK;
 }
 
@@ -54,6 +60,9 @@ receive_verdict input_ppp_payload(sk_buff* skb, const ppp_session& session, u16 
     case wire::ppp_protocol::ipv4:
       ppp_rxstats_upd(session.dev, skb);
       return input_ip_packet(skb);
+    case wire::ppp_protocol::ipv6:
+      ppp_rxstats_upd(session.dev, skb);
+      return input_ipv6_packet(skb);
     default:
       return discard(skb);
   }

@@ -7,7 +7,9 @@
 #include "stack/ethernet_frame.h"
 #include "stack/ethernet_input.h"
 #include "stack/fast_path_tunnels.h"
+#include "stack/fragment_offer.h"
 #include "stack/ip_input.h"
+#include "stack/ipv6_input.h"
 #include "stack/pppoe.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
@@ -45,6 +47,12 @@ bool looks_like_a_frame(const sk_buff* skb) noexcept {
   }
 }
 
+/// Fragments that the fast path has taken at the second offer.
+void count_followers(u32 taken) noexcept {
+  for (; taken != 0; --taken)
+    count_once(counters().fast);
+}
+
 /// Offers a frame to the fast path; true when it is gone. Softirq context is the RCU read side that
 /// keeps the handle.
 bool taken_by_fast_path(sk_buff* skb) noexcept {
@@ -53,8 +61,11 @@ bool taken_by_fast_path(sk_buff* skb) noexcept {
   if (handle == nullptr || read_once(handle->enable) == 0) return false;
   if (is_tunnel_control(handle, skb)) return false;
   count_once(counters().offered);
+  const net_device* dev = skb->dev;
+  const std::optional<fragment_view> fragment = fragment_to_follow(skb);
   if (handle->_vok_forward(handle, skb, 0) != 0) return false;
   count_once(counters().fast);
+  if (fragment) count_followers(offer_followers(handle, *fragment, dev));
   return true;
 }
 
@@ -77,23 +88,36 @@ receive_verdict receive_ethernet(sk_buff* skb) {
   if (!is_proper_frame(skb)) return discard(skb);
   const frame_place place = place_of(skb);
   if (is_for_strangers(skb, place)) return discard(skb);
+  offered_frame as_offered{};
   if (may_be_offered(skb, place)) {
     const net_device* dev = place.port != nullptr ? place.port->br->dev : place.dev;
     if (is_known_session_frame(skb, dev)) skb->fast_flags |= fast_flag::received_on_ppp;
     if (taken_by_fast_path(skb)) return receive_verdict::fast;
+    as_offered = note_offered(skb);
   }
   const stack_guard guard;
+  core().as_offered = as_offered;
   return input_frame(skb);
+}
+
+bool is_ipv6(const sk_buff* skb) noexcept {
+  constexpr unsigned version_shift = 4;
+  return skb->data[0] >> version_shift == 6;
 }
 
 /// A link without headers carries IP only, told apart by its version: input checks it. Everything
 /// that comes over a link between two is for the router.
 receive_verdict receive_raw(sk_buff* skb) {
   if (skb_headlen(skb) < wire::ipv4_min_length) return discard(skb);
-  if (!looks_like_a_frame(skb) && taken_by_fast_path(skb)) return receive_verdict::fast;
+  offered_frame as_offered{};
+  if (!looks_like_a_frame(skb)) {
+    if (taken_by_fast_path(skb)) return receive_verdict::fast;
+    as_offered = note_offered(skb);
+  }
   const stack_guard guard;
+  core().as_offered = as_offered;
   skb->mac_header = static_cast<u16>(skb->data - skb->head);
-  return input_ip_packet(skb);
+  return is_ipv6(skb) ? input_ipv6_packet(skb) : input_ip_packet(skb);
 }
 
 /// Frames come in on these two kinds of device; all others are stacked on them.

@@ -75,6 +75,7 @@ router::state::~state() {
 
 void router::state::build(const router_config& config, const net_device_ops* port_ops) {
   neigh_table_limit(&arp_tbl, config.table_limits.neighbours);
+  neigh_table_limit(&nd_tbl, config.table_limits.neighbours);
   for (const device_config* device : build_order(config.devices))
     set_up_device(*device, port_ops);
   for (const route_config& route : config.routes) {

@@ -47,6 +47,8 @@ struct stack_core {
 
   std::unique_ptr<connection_tracker> tracker;
   reassembly_table reassembly;
+  /// The frame under way, as it was offered to the fast path. For the first packet found in it.
+  offered_frame as_offered{};
   icmp_limit error_limit;
   u16 next_datagram_id = 1;  ///< identification of the next packet that the router makes
   u64 slow_forwarded = 0;
