@@ -177,6 +177,65 @@ TEST_F(tunnel_path_test, packets_of_a_raw_device_are_wrapped_on_both_paths) {
   }
 }
 
+// Hosts behind a session of their own on the inside. Out of such a session the module builds
+// tunnels only where these do not run over another session.
+TEST_F(tunnel_path_test, packets_go_from_one_session_into_another) {
+  constexpr u16 inside_sid = 0x0777;
+  constexpr const char* caller = "10.20.0.2";
+  constexpr auto fast = receive_verdict::fast;
+  const struct {
+    line_kind line;
+    uplink_options options;
+    receive_verdict outward;
+  } rows[] = {
+      {line_kind::pppoe, session, fast},
+      {line_kind::pppoe_on_vlan, session, fast},
+      {line_kind::ethernet, tunnels[1], fast},
+      {line_kind::vlan, tunnels[4], fast},
+      {line_kind::pppoe, tunnels[0], receive_verdict::slow},
+      {line_kind::pppoe_on_vlan, tunnels[7], receive_verdict::slow},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.options.name) + std::to_string(static_cast<int>(row.line)));
+    start_uplink(row.line, row.options);
+    router.reset();
+    stack::device_config inside;
+    inside.name = "ppp9";
+    inside.link = stack::pppoe_link{"lan0", inside_sid, config_mac(host_mac)};
+    inside.addresses = {prefix_of("10.20.0.1", 32)};
+    inside.peer = ip4(caller);
+    config.devices.push_back(inside);
+    start();
+    load_module();
+    const auto out = [](packet frame, u8 ttl) {
+      return frame.ipv4(caller, server).ttl(ttl).udp(4000, 53).payload(40);
+    };
+    const auto back = [](packet frame, u8 ttl) {
+      return frame.ipv4(server, caller).ttl(ttl).udp(53, 4000).payload(60);
+    };
+    const packet lan_in = packet().eth(lan_mac, host_mac).pppoe(inside_sid);
+    const packet lan_out = packet().eth(host_mac, lan_mac).pppoe(inside_sid);
+    const auto exchange = [&](receive_verdict outward_how, receive_verdict back_how) {
+      const u8 out_ttl = outward_how == fast ? fast_ttl : slow_ttl;
+      const u8 back_ttl = back_how == fast ? fast_ttl : slow_ttl;
+      EXPECT_EQ(receive("lan0", out(lan_in, sent_ttl)), outward_how);
+      EXPECT_FRAME_EQ(only_frame_on("wan0"), out(peer->expects(), out_ttl).build());
+      EXPECT_EQ(receive("wan0", back(peer->sends(), sent_ttl)), back_how);
+      EXPECT_FRAME_EQ(only_frame_on("lan0"), back(lan_out, back_ttl).build());
+    };
+    for (unsigned i = 0; i < 2; ++i)
+      exchange(receive_verdict::slow, receive_verdict::slow);
+    for (unsigned i = 0; i < 23; ++i) {
+      receive("lan0", out(lan_in, sent_ttl));
+      static_cast<void>(peer->expects());
+      receive("wan0", back(peer->sends(), sent_ttl));
+    }
+    static_cast<void>(sent_on("lan0"));
+    static_cast<void>(sent_on("wan0"));
+    exchange(row.outward, fast);
+  }
+}
+
 TEST_F(tunnel_path_test, a_router_ends_with_its_tunnels_in_the_modules_tables) {
   start_uplink(line_kind::pppoe, tunnels[1]);
   load_module();
