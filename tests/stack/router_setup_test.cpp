@@ -40,9 +40,9 @@ TEST_F(router_setup_test, refuses_what_cannot_be_built_and_names_the_device) {
   vlan_twice.devices.push_back(vlan_twice.devices.back());
   vlan_twice.devices.back().name = "again";
   stack::router_config ipv6_route = three_device_config();
-  ipv6_route.routes.push_back({stack::ipv6_prefix{ip6("2001:db8::"), 32}, std::nullopt, "lan0"});
-  stack::router_config ipv6_neighbour = three_device_config();
-  ipv6_neighbour.neighbours.push_back({"lan0", ip6("2001:db8::1"), config_mac(host_mac)});
+  ipv6_route.routes.push_back({stack::ipv6_prefix{ip6("2001:db8::1"), 32}, std::nullopt, "lan0"});
+  stack::router_config mixed_route = three_device_config();
+  mixed_route.routes.push_back({stack::ipv6_prefix{ip6("2001:db8::"), 32}, ip4(gateway), "lan0"});
   stack::router_config twice = three_device_config();
   twice.routes.push_back({prefix_of("192.168.1.0", 24), ip4(gateway), "wan0"});
   stack::router_config crooked = three_device_config();
@@ -63,8 +63,8 @@ TEST_F(router_setup_test, refuses_what_cannot_be_built_and_names_the_device) {
        "device \"br0\": \"lan0\" is a port of a bridge already"},
       {with_device("br0", stack::bridge_link{{"tun0"}, config_mac(bridge_mac)}),
        "device \"br0\": \"tun0\" cannot be a port of a bridge"},
-      {ipv6_route, "device \"lan0\": IPv6 routes are not supported by this build"},
-      {ipv6_neighbour, "device \"lan0\": IPv6 neighbours are not supported by this build"},
+      {ipv6_route, "device \"lan0\": route to 2001:db8:0:0:0:0:0:1/32 has bits below its prefix"},
+      {mixed_route, "device \"lan0\": a route and its gateway are of different families"},
       {twice, "device \"wan0\": there is another route to 192.168.1.0/24"},
       {crooked, "device \"wan0\": route to 10.0.0.1/8 has bits below its prefix"},
   };
