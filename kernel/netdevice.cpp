@@ -143,6 +143,10 @@ int dev_queue_xmit(sk_buff* skb) noexcept {
   return result < 0 ? result : -EIO;
 }
 
+int dev_hard_start_xmit(sk_buff* skb) noexcept {
+  return hosted::start_xmit(skb);
+}
+
 void dev_count_rx(net_device* dev, u32 bytes) noexcept {
   hosted::device_counters& c = own_counters(dev);
   bump(c.rx_packets, 1);

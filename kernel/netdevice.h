@@ -82,6 +82,10 @@ void dev_close(net_device* dev) noexcept;
 /// device that is down or refuses frees it. Returns NETDEV_TX_OK or a negative error.
 int dev_queue_xmit(sk_buff* skb) noexcept;
 
+/// The same for a device that is stacked on another: a buffer that is not taken stays the caller's,
+/// whose device counts it as dropped.
+[[nodiscard]] int dev_hard_start_xmit(sk_buff* skb) noexcept;
+
 /// Counters of the calling processor. `dev_stats` sums them.
 void dev_count_rx(net_device* dev, u32 bytes) noexcept;
 void dev_count_tx(net_device* dev, u32 bytes) noexcept;

@@ -2,50 +2,25 @@
 #include "kernel/route.h"
 
 #include <cstring>
-#include <mutex>
 
 #include "kernel/errno.h"
-#include "kernel/prefix_table.h"
+#include "kernel/route_table.h"
 #include "kernel/slab.h"
-#include "kernel/wire/endian.h"
 #include "kernel/wire/ip.h"
 
 namespace {
 
-constexpr unsigned ipv4_bits = 32;
 constexpr int default_ttl = 64;
 
-using route_table = hosted::prefix_table<4, rtable>;
-
-constinit std::mutex table_lock;  ///< serialises changes; look-ups use RCU
-constinit route_table table;
+constinit hosted::route_table<rtable> table;
 constinit inet_input_ops input_ops{};
 
-route_table::key key_of(u32 address) noexcept {
-  route_table::key k;
-  std::memcpy(k.bytes, &address, sizeof k.bytes);
-  return k;
-}
-
-u32 mask_of(u8 prefix_length) noexcept {
-  return prefix_length == 0 ? 0 : wire::htonl(~u32{0} << (ipv4_bits - prefix_length));
-}
-
-rtable* route_of(dst_entry* dst) noexcept {
-  return reinterpret_cast<rtable*>(dst);
-}
-
+/// Of either family: a route begins with its dst_entry.
 void free_route(callback_head* head) {
   auto* dst =
       reinterpret_cast<dst_entry*>(reinterpret_cast<char*>(head) - offsetof(dst_entry, rcu));
   if (dst->dev != nullptr) dev_put(dst->dev);
-  kfree(route_of(dst));
-}
-
-int run_input(int (*input)(sk_buff*), sk_buff* skb) {
-  if (input != nullptr) return input(skb);
-  kfree_skb(skb);
-  return -ENETUNREACH;
+  kfree(dst);
 }
 
 int refuse(sk_buff* skb) {
@@ -53,46 +28,35 @@ int refuse(sk_buff* skb) {
   return -ENETUNREACH;
 }
 
-int (*input_of(rt_class type))(sk_buff*) {
+}  // namespace
+
+int hosted::run_input(int (*input)(sk_buff*), sk_buff* skb) {
+  return input != nullptr ? input(skb) : refuse(skb);
+}
+
+int (*hosted::input_of(rt_class type, const inet_input_ops& family) noexcept)(sk_buff*) {
   switch (type) {
     case RTN_UNICAST:
-      return ip_forward;
+      return family.forward;
     case RTN_LOCAL:
     case RTN_BROADCAST:
-      return ip_local_deliver;
+      return family.local_deliver;
     case RTN_UNREACHABLE:
       return refuse;
   }
   return refuse;
 }
 
-rtable* make_route(u32 prefix, u8 prefix_length, rt_class type, u32 gateway,
-                   net_device* dev) noexcept {
-  auto* rt = static_cast<rtable*>(kzalloc(sizeof(rtable), GFP_ATOMIC));
-  if (rt == nullptr) return nullptr;
-  atomic_set(&rt->dst.refcnt, 1);
-  if (dev != nullptr) dev_hold(dev);
-  rt->dst.dev = dev;
-  rt->dst.input = input_of(type);
-  rt->rt_type = type;
-  rt->prefix_length = prefix_length;
-  rt->prefix = prefix;
-  rt->gateway = gateway;
-  return rt;
-}
-
-}  // namespace
-
 extern "C" {
 
 int sysctl_ip_default_ttl = default_ttl;
 
 int ip_forward(sk_buff* skb) {
-  return run_input(read_once(input_ops.forward), skb);
+  return hosted::run_input(read_once(input_ops.forward), skb);
 }
 
 int ip_local_deliver(sk_buff* skb) {
-  return run_input(read_once(input_ops.local_deliver), skb);
+  return hosted::run_input(read_once(input_ops.local_deliver), skb);
 }
 
 void inet_set_input(const inet_input_ops* ops) noexcept {
@@ -102,43 +66,28 @@ void inet_set_input(const inet_input_ops* ops) noexcept {
 
 int ip_route_add(u32 prefix, u8 prefix_length, rt_class type, u32 gateway,
                  net_device* dev) noexcept {
-  if (prefix_length > ipv4_bits || (prefix & ~mask_of(prefix_length)) != 0) return -EINVAL;
-  rtable* rt = make_route(prefix, prefix_length, type, gateway, dev);
+  if (!table.is_prefix(prefix, prefix_length)) return -EINVAL;
+  constexpr inet_input_ops ipv4_input = {ip_forward, ip_local_deliver};
+  auto* rt = hosted::make_route<rtable>(type, dev, hosted::input_of(type, ipv4_input));
   if (rt == nullptr) return -ENOMEM;
-  int error = 0;
-  {
-    const std::scoped_lock guard(table_lock);
-    error = table.insert(key_of(prefix), prefix_length, rt);
-  }
-  if (error != 0) dst_release(&rt->dst);
-  return error;
+  rt->prefix_length = prefix_length;
+  rt->prefix = prefix;
+  rt->gateway = gateway;
+  return table.insert(rt);
 }
 
 int ip_route_del(u32 prefix, u8 prefix_length) noexcept {
-  if (prefix_length > ipv4_bits) return -ESRCH;
-  rtable* rt = nullptr;
-  {
-    const std::scoped_lock guard(table_lock);
-    rt = table.remove(key_of(prefix), prefix_length);
-  }
-  if (rt == nullptr) return -ESRCH;
-  dst_release(&rt->dst);
-  return 0;
+  return table.remove(prefix, prefix_length);
 }
 
 void ip_route_flush(const net_device* dev) noexcept {
-  const auto leaves_by = [dev](const rtable* rt) { return dev == nullptr || rt->dst.dev == dev; };
-  const std::scoped_lock guard(table_lock);
-  while (rtable* rt = table.find_if(leaves_by)) {
-    rtable* removed = table.remove(key_of(rt->prefix), rt->prefix_length);
-    dst_release(&removed->dst);
-  }
+  table.flush(dev);
 }
 
 int ip_route_input_noref(sk_buff* skb, u32 daddr, u32 /*saddr*/, u8 /*tos*/,
                          net_device* /*dev*/) noexcept {
   if constexpr (kernel_checked) checked_rcu_held(code_place::here());
-  rtable* rt = table.find(key_of(daddr));
+  rtable* rt = table.find(daddr);
   if (rt == nullptr) return -ENETUNREACH;
   skb_dst_drop(skb);
   skb_dst_set_noref(skb, &rt->dst);
@@ -146,11 +95,7 @@ int ip_route_input_noref(sk_buff* skb, u32 daddr, u32 /*saddr*/, u8 /*tos*/,
 }
 
 rtable* ip_route_output_flow(const flowi4* flow) noexcept {
-  rcu_read_lock();
-  rtable* rt = table.find(key_of(flow->daddr));
-  if (rt != nullptr && !atomic_inc_not_zero(&rt->dst.refcnt)) rt = nullptr;
-  rcu_read_unlock();
-  return rt;
+  return table.find_and_hold(flow->daddr);
 }
 
 u32 rt_next_hop(const rtable* rt) noexcept {

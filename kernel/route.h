@@ -78,7 +78,7 @@ int ip_route_input_noref(sk_buff* skb, u32 daddr, u32 saddr, u8 tos, net_device*
 
 /// The route's gateway, 0 when the destination is on-link.
 [[nodiscard]] u32 rt_next_hop(const rtable* rt) noexcept;
-/// The hop-limit metric, or 0.
+/// The hop-limit metric of an IPv4 route, or 0.
 [[nodiscard]] u32 dst_metric_hoplimit(const dst_entry* dst) noexcept;
 extern int sysctl_ip_default_ttl;
 

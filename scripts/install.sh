@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: GPL-2.0-only
 # Installs the Debian packages that the named groups of work need, and only those that are missing.
 #
-#   scripts/install.sh build [run] [bench] [check] [arm]
+#   scripts/install.sh build [run] [test] [bench] [check] [arm]
 #
 # Says nothing when nothing is missing. Needs root or sudo only when something is.
 set -eu
@@ -14,10 +14,11 @@ packages_of() {
                  nlohmann-json3-dev libgtest-dev googletest libbenchmark-dev
                  python3 iproute2 util-linux" ;;
     run) echo "fuse3 iproute2 util-linux iperf3" ;;
+    test) echo "tshark" ;;
     bench) echo "valgrind" ;;
     check) echo "clang clang-format clang-tidy binutils python3" ;;
     arm) echo "g++-arm-linux-gnueabihf qemu-user-static googletest" ;;
-    *) echo "install.sh: no group \"$1\"; there are: build run bench check arm" >&2; exit 2 ;;
+    *) echo "install.sh: no group \"$1\"; there are: build run test bench check arm" >&2; exit 2 ;;
   esac
 }
 

@@ -4,7 +4,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-scripts/install.sh build run
+scripts/install.sh build run test
 echo "Building (preset release)"
 scripts/build.sh release
 ctest --preset release --output-log build/release/tests.log

@@ -14,6 +14,7 @@
 
 #include "kernel/types.h"
 #include "kernel/wire/endian.h"
+#include "kernel/wire/ip.h"
 
 namespace tarvelo::stack {
 
@@ -52,6 +53,13 @@ namespace tarvelo::stack {
                                               u16 length) noexcept {
   return (saddr & 0xFFFF) + (saddr >> 16) + (daddr & 0xFFFF) + (daddr >> 16) +
          wire::htons(protocol) + wire::htons(length);
+}
+
+/// The same for IPv6, ICMPv6 included: its checksum covers the addresses too (RFC 8200, 8.1).
+[[nodiscard]] inline u32 pseudo_header_sum(const wire::in6_addr& saddr, const wire::in6_addr& daddr,
+                                           u8 protocol, u16 length) noexcept {
+  const u32 sum = checksum_add(&daddr, sizeof daddr, checksum_add(&saddr, sizeof saddr));
+  return sum + wire::htons(protocol) + wire::htons(length);
 }
 
 /// The checksum after one 16-bit word of what it covers has changed (RFC 1624, equation 3).

@@ -132,6 +132,7 @@ struct helper_config {
 struct limits {
   u32 connections = 262144;
   u32 neighbours = 8192;
+  u32 bridge_hosts = 8192;         ///< behind each bridge
   u32 packets_per_neighbour = 16;  ///< waiting for its address
   u32 datagrams_in_reassembly = 1024;
   u32 reassembly_bytes = 4 * 1024 * 1024;

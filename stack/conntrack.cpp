@@ -38,7 +38,12 @@ constexpr found_connection no_connection = {nullptr, IP_CT_DIR_ORIGINAL};
 
 [[nodiscard]] bool can_begin(const tracked_packet& packet) noexcept {
   if (is_tcp(packet)) return tcp_can_begin(packet);
-  return packet.protocol() != wire::ip_protocol::icmp || icmp_begins_exchange(packet.tuple);
+  return !is_icmp(packet.tuple) || icmp_begins_exchange(packet.tuple);
+}
+
+/// Addresses are translated in IPv4 only: IPv6 has enough of them.
+[[nodiscard]] bool may_be_translated(const nf_conntrack_tuple& tuple) noexcept {
+  return tuple.src.l3num == NFPROTO_IPV4;
 }
 
 /// The module carries TCP and UDP. A closed connection is not offered to it again: should its path
@@ -146,7 +151,8 @@ tcp_outcome connection_tracker::state::follow(const found_connection& found,
 
 connection* connection_tracker::state::begin(const tracked_packet& packet, const net_device* dev) {
   if (!can_begin(packet)) return nullptr;
-  const std::optional<endpoint> target = rules.forward_target(dev, packet.tuple);
+  const std::optional<endpoint> target =
+      may_be_translated(packet.tuple) ? rules.forward_target(dev, packet.tuple) : std::nullopt;
   // In the middle of a connection only one without translation can be picked up: which ports it
   // had is lost.
   if (target && is_tcp(packet) && !tcp_is_syn(packet.tcp().flags)) return nullptr;
@@ -188,6 +194,7 @@ track_verdict connection_tracker::state::accept_error(sk_buff* skb, const tracke
 
 /// Decides on the source of a new connection that leaves by `dev`. False: it cannot go.
 bool connection_tracker::state::choose_translation(connection& c, const net_device* dev) {
+  if (!may_be_translated(c.ct->tuple[IP_CT_DIR_ORIGINAL])) return true;
   const std::optional<u32> address = rules.masquerade_address(dev);
   if (!address || *address == c.ct->tuple[IP_CT_DIR_ORIGINAL].src.u3.ip) return true;
   if (c.picked_up) return false;
@@ -261,12 +268,18 @@ track_verdict connection_tracker::post_routing(sk_buff* skb) {
   c.out[dir] = skb->dev;
   translate(skb, NF_INET_POST_ROUTING, packet_end::source);
   const bool untranslated = (ct->status & (IPS_SRC_NAT | IPS_DST_NAT)) == 0;
-  if (untranslated && is_reported(ct)) fast_path_report(skb, NF_INET_POST_ROUTING, nullptr);
+  if (!untranslated || !is_reported(ct)) return track_verdict::accept;
+  if (ct->tuple[dir].src.l3num == NFPROTO_IPV6) {
+    fast_path_report_ipv6(skb);
+  } else {
+    fast_path_report(skb, NF_INET_POST_ROUTING, nullptr);
+  }
   return track_verdict::accept;
 }
 
 void connection_tracker::translate_own_error(sk_buff* error, const sk_buff* about) {
   if (about->nfct == nullptr || is_related(about)) return;
+  if (!may_be_translated(nf_ct_of(about->nfct)->tuple[IP_CT_DIR_ORIGINAL])) return;
   restore_own_error(packet_span(error), nf_ct_of(about->nfct), direction_of(about));
 }
 

@@ -12,6 +12,9 @@
 // post_routing(), which confirms it: only then is it in the table. So a packet that is dropped on
 // its way leaves no connection behind.
 //
+// IPv6 connections are tracked in the same way and never translated. The tracker tells the families
+// apart by `protocol`.
+//
 // Dropped are packets with a wrong checksum, a cut transport header or impossible flags, ICMP
 // errors about no connection, and what can begin none. A TCP connection that is already going on
 // may be picked up by a plain ACK, as after a restart of the router, unless it would have to be

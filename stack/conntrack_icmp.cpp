@@ -34,7 +34,7 @@ void translate_error(const ip_span& error, const nf_conn* ct, ip_conntrack_dir d
   const packet_end quoted_end =
       end == packet_end::source ? packet_end::destination : packet_end::source;
   rewrite_end(quoted, quoted_end, to);
-  rewrite_address(error.ip, end, to.address);
+  rewrite_address(error.ipv4(), end, to.address);
   sum_error(error);
 }
 
@@ -44,7 +44,7 @@ void restore_own_error(const ip_span& error, const nf_conn* ct, ip_conntrack_dir
   const endpoint sender = arriving_end(ct, dir, packet_end::source);
   rewrite_end(quoted, packet_end::source, sender);
   rewrite_end(quoted, packet_end::destination, arriving_end(ct, dir, packet_end::destination));
-  rewrite_address(error.ip, packet_end::destination, sender.address);
+  rewrite_address(error.ipv4(), packet_end::destination, sender.address);
   sum_error(error);
 }
 

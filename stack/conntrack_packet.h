@@ -7,6 +7,9 @@
 // to the connection of the packet it quotes. A broken TCP segment still gets its tuple where its
 // ports can be read: the fast path may have taken its FIN or RST for the connection's end.
 //
+// Both families go through the same examination; what differs is where the addresses are, where the
+// transport header begins and what its checksum covers.
+//
 // Pure functions over the packet's bytes; nothing is kept. Any context.
 #pragma once
 
@@ -23,15 +26,21 @@ enum class packet_kind : u8 {
   broken,  ///< to be dropped
 };
 
-/// Part of a buffer that holds an IPv4 packet or, quoted in an ICMP error, the beginning of one.
+/// Part of a buffer that holds an IP packet or, quoted in an ICMP error, the beginning of one.
 struct ip_span {
-  wire::iphdr* ip;
-  u32 bytes;  ///< readable from `ip` on; never less than the header claims
+  u8* start;
+  u32 bytes;          ///< readable from `start` on; never less than `header_length`
+  u32 header_length;  ///< of all headers before the transport header
+  u16 family;         ///< NFPROTO_IPV4 or NFPROTO_IPV6
+  u8 protocol;        ///< of the transport header
 
-  [[nodiscard]] u8* transport() const noexcept {
-    return reinterpret_cast<u8*>(ip) + ip->header_length();
+  [[nodiscard]] bool is_ipv6() const noexcept { return family == NFPROTO_IPV6; }
+  [[nodiscard]] wire::iphdr* ipv4() const noexcept { return reinterpret_cast<wire::iphdr*>(start); }
+  [[nodiscard]] wire::ipv6hdr* ipv6() const noexcept {
+    return reinterpret_cast<wire::ipv6hdr*>(start);
   }
-  [[nodiscard]] u32 transport_bytes() const noexcept { return bytes - ip->header_length(); }
+  [[nodiscard]] u8* transport() const noexcept { return start + header_length; }
+  [[nodiscard]] u32 transport_bytes() const noexcept { return bytes - header_length; }
 };
 
 struct tracked_packet {
@@ -40,14 +49,14 @@ struct tracked_packet {
   ip_span span;
   nf_conntrack_tuple tuple;  ///< as the packet stands
 
-  [[nodiscard]] u8 protocol() const noexcept { return span.ip->protocol; }
+  [[nodiscard]] u8 protocol() const noexcept { return span.protocol; }
   /// Only for TCP; whole unless the packet is broken.
   [[nodiscard]] const wire::tcphdr& tcp() const noexcept {
     return *reinterpret_cast<const wire::tcphdr*>(span.transport());
   }
 };
 
-/// Examines a packet whose IPv4 header has been checked and whose data is cut to its length.
+/// Examines a packet whose IP headers have been checked and whose data is cut to its length.
 [[nodiscard]] tracked_packet examine_packet(const sk_buff* skb) noexcept;
 
 /// The span of the buffer's packet, nothing examined.
@@ -71,6 +80,9 @@ struct tracked_packet {
 /// plain ACK of one that is already going on.
 [[nodiscard]] bool tcp_is_plain_ack(u8 flags) noexcept;
 [[nodiscard]] bool tcp_is_syn(u8 flags) noexcept;
+
+/// True when a tuple's connection is one of ICMP queries of its own family.
+[[nodiscard]] bool is_icmp(const nf_conntrack_tuple& tuple) noexcept;
 
 /// True for an ICMP query, as opposed to its answer.
 [[nodiscard]] bool icmp_begins_exchange(const nf_conntrack_tuple& tuple) noexcept;

@@ -24,6 +24,7 @@ u32 connection_timeout(const nf_conn* ct) noexcept {
       return (ct->status & IPS_SEEN_REPLY) != 0 ? nf_ct_established_timeout(protocol)
                                                 : unanswered_udp;
     case wire::ip_protocol::icmp:
+    case wire::ip_protocol::icmpv6:
       return icmp_query;
     default:
       return any_protocol;

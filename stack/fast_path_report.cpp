@@ -1,31 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "stack/fast_path_report.h"
 
-#include "kernel/fast_path.h"
-#include "kernel/rcupdate.h"
+#include "stack/published_handle.h"
 #include "tarvelo/ct_ext.h"
 
 namespace tarvelo::stack {
 namespace {
-
-/// The published handle, held for the life of the object; may be null.
-class published_handle {
- public:
-  published_handle() noexcept {
-    rcu_read_lock();
-    handle_ = rcu_dereference(kcih);
-  }
-  ~published_handle() { rcu_read_unlock(); }
-  published_handle(const published_handle&) = delete;
-  published_handle& operator=(const published_handle&) = delete;
-
-  [[nodiscard]] explicit operator bool() const noexcept { return handle_ != nullptr; }
-  [[nodiscard]] vok_handle* get() const noexcept { return handle_; }
-  vok_handle* operator->() const noexcept { return handle_; }
-
- private:
-  vok_handle* handle_;
-};
 
 void clear_flags(vok_ct_ext* ext, u32 bits) noexcept {
   __atomic_fetch_and(&ext->flags, ~bits, __ATOMIC_RELAXED);
@@ -69,6 +49,15 @@ void fast_path_report(sk_buff* skb, nf_inet_hooks hook,
   handle->_ip_conntrack_ipct_add(handle.get(), skb, hook, nf_ct_of(skb->nfct), skb->nfctinfo,
                                  translated);
   skb->fast_flags &= ~fast_flag::add_as_reply;
+}
+
+void fast_path_report_ipv6(sk_buff* skb) noexcept {
+  const published_handle handle;
+  if (!handle) return;
+  net_device* out = skb->dev;
+  skb->dev = skb->rx_dev;
+  handle->__ipv6_conntrack_ipc_add(handle.get(), skb);
+  skb->dev = out;
 }
 
 bool fast_path_names_device(const nf_conn* ct, const net_device* dev) noexcept {

@@ -34,6 +34,10 @@ void fast_path_take_off(nf_conn* ct) noexcept;
 void fast_path_report(sk_buff* skb, nf_inet_hooks hook,
                       const nf_conntrack_tuple* translated) noexcept;
 
+/// Reports a forwarded IPv6 packet: as above, but the module wants `dev` to be the layer-3 device
+/// that the packet came in on, so it is that during the call. Stack's lock, softirq context.
+void fast_path_report_ipv6(sk_buff* skb) noexcept;
+
 /// True when the module's record of the connection points at the device.
 [[nodiscard]] bool fast_path_names_device(const nf_conn* ct, const net_device* dev) noexcept;
 

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "stack/ip_input.h"
 
+#include <utility>
+
 #include "stack/checksum.h"
 #include "stack/icmp.h"
 #include "stack/ip_packet.h"
 #include "stack/stack_core.h"
+#include "stack/tunnel_packet.h"
 
 namespace tarvelo::stack {
 
@@ -59,16 +62,22 @@ receive_verdict input_ip_packet(sk_buff* skb) {
   if (!addresses_are_sound(ip_header(skb))) return discard(skb);
 
   if (is_fragment(ip_header(skb))) {
-    const auto [datagram, verdict] = core().reassembly.add(skb);
-    if (datagram == nullptr) return verdict;
-    skb = datagram;
+    const reassembly_table::result put_together =
+        core().reassembly.add(skb, std::exchange(core().as_offered, {}));
+    if (put_together.datagram == nullptr) return put_together.verdict;
+    skb = put_together.datagram;
   }
-  if (core().tracker->pre_routing(skb) == track_verdict::drop) return discard(skb);
+  const bool is_tracked = session_of_packet(skb) == nullptr;
+  if (is_tracked && core().tracker->pre_routing(skb) == track_verdict::drop) return discard(skb);
   return route_packet(skb);
 }
 
 receive_verdict deliver_locally(sk_buff* skb) {
   if (core().tracker->local_in(skb) == track_verdict::drop) return discard(skb);
+  if (const ppp_session* session = session_of_packet(skb); session != nullptr) {
+    return input_tunnel_packet(skb, *session);
+  }
+  if (is_between_tunnel_ends(skb)) return discard(skb);  // someone listens there: no error
   switch (ip_header(skb)->protocol) {
     case wire::ip_protocol::icmp:
       return deliver_icmp(skb);

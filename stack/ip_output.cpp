@@ -4,6 +4,7 @@
 #include "stack/ip_fragment.h"
 #include "stack/ip_packet.h"
 #include "stack/neighbour_cache.h"
+#include "stack/ppp.h"
 #include "stack/stack_core.h"
 
 namespace tarvelo::stack {
@@ -19,25 +20,28 @@ receive_verdict output_raw(sk_buff* skb) {
   return dev_queue_xmit(skb) == NETDEV_TX_OK ? receive_verdict::slow : receive_verdict::dropped;
 }
 
-/// Sends a packet that fits its device.
-receive_verdict output_to_next_hop(sk_buff* skb, u32 next_hop) {
-  const device_record* record = core().devices.find(skb->dev);
-  if (record == nullptr) return discard(skb);
-  switch (record->kind) {
-    case device_kind::port:
-      return neighbour_output(skb, next_hop);
-    case device_kind::rawip:
-      return output_raw(skb);
-  }
-  return discard(skb);
-}
-
 u32 next_hop_of(const sk_buff* skb) noexcept {
   const u32 gateway = rt_next_hop(reinterpret_cast<const rtable*>(skb_dst(skb)));
   return gateway != 0 ? gateway : ip_header(skb)->daddr.raw();
 }
 
 }  // namespace
+
+receive_verdict output_to_next_hop(sk_buff* skb, const ip_address& next_hop) {
+  const device_record* record = core().devices.find(skb->dev);
+  if (record == nullptr) return discard(skb);
+  switch (record->kind) {
+    case device_kind::port:
+    case device_kind::vlan:
+    case device_kind::bridge:
+      return neighbour_output(skb, next_hop);
+    case device_kind::rawip:
+      return output_raw(skb);
+    case device_kind::ppp:
+      return output_ppp(skb);
+  }
+  return discard(skb);
+}
 
 receive_verdict output_packet(sk_buff* skb) {
   const u32 next_hop = next_hop_of(skb);

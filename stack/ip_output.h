@@ -7,6 +7,7 @@
 #pragma once
 
 #include "kernel/skbuff.h"
+#include "stack/config.h"
 #include "stack/router.h"
 
 namespace tarvelo::stack {
@@ -14,6 +15,10 @@ namespace tarvelo::stack {
 /// Takes a finished packet, `data` at its IP header, its route attached, `dev` the output device.
 /// `slow` when it, or each fragment of it, was sent or waits for its next hop's address.
 [[nodiscard]] receive_verdict output_packet(sk_buff* skb);
+
+/// Takes a packet of either family that fits its device, `skb->dev`, and sends it to `next_hop`,
+/// which a device without addresses does not look at.
+[[nodiscard]] receive_verdict output_to_next_hop(sk_buff* skb, const ip_address& next_hop);
 
 /// Takes a packet that the router has made, complete, and routes it. Only ever to a single host:
 /// nothing goes to a broadcast address or back to the router itself.

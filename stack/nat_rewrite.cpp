@@ -48,7 +48,7 @@ void replace_in_transport(const ip_span& packet, const transport_layout& layout,
                           u32 to) noexcept {
   wire::be16* check = field_at(packet, layout.check);
   if (check == nullptr) return;
-  const bool is_udp = packet.ip->protocol == wire::ip_protocol::udp;
+  const bool is_udp = packet.protocol == wire::ip_protocol::udp;
   if (is_udp && check->raw() == 0) return;
   const u16 replaced = checksum_replace32(check->raw(), from, to);
   *check = wire::be16::from_raw(is_udp ? udp_checksum_on_wire(replaced) : replaced);
@@ -101,13 +101,13 @@ void rewrite_address(wire::iphdr* ip, packet_end end, u32 address) noexcept {
 }
 
 void rewrite_end(const ip_span& packet, packet_end end, endpoint to) noexcept {
-  const u32 from = address_field(packet.ip, end).raw();
-  const transport_layout* layout = layout_of(packet.ip->protocol);
+  const u32 from = address_field(packet.ipv4(), end).raw();
+  const transport_layout* layout = layout_of(packet.protocol);
   if (from != to.address) {
     if (layout != nullptr && layout->covers_addresses) {
       replace_in_transport(packet, *layout, from, to.address);
     }
-    rewrite_address(packet.ip, end, to.address);
+    rewrite_address(packet.ipv4(), end, to.address);
   }
   if (layout != nullptr) rewrite_port(packet, *layout, end, to.port);
 }

@@ -7,6 +7,10 @@
 #include "kernel/route.h"
 #include "stack/arp.h"
 #include "stack/icmp.h"
+#include "stack/icmpv6.h"
+#include "stack/ipv6_packet.h"
+#include "stack/link_state.h"
+#include "stack/nd.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
 
@@ -49,9 +53,17 @@ void stop_timer(neighbour* n) noexcept {
   if (del_timer(&n->timer) != 0) neigh_release(n);
 }
 
+neigh_table* table_of(const ip_address& address) noexcept {
+  return std::holds_alternative<u32>(address) ? &arp_tbl : &nd_tbl;
+}
+
+const void* key_of(const ip_address& address) noexcept {
+  return std::visit([](const auto& value) -> const void* { return &value; }, address);
+}
+
 /// Finds or makes an entry and readies a new one's timer; null and counted when there is no room.
-neighbour* obtain(net_device* dev, u32 address) noexcept {
-  neighbour* n = neigh_create(&arp_tbl, &address, dev);
+neighbour* obtain(net_device* dev, const ip_address& address) noexcept {
+  neighbour* n = neigh_create(table_of(address), key_of(address), dev);
   if (n == nullptr) {
     ++core().neighbours_refused;
     return nullptr;
@@ -62,10 +74,20 @@ neighbour* obtain(net_device* dev, u32 address) noexcept {
   return n;
 }
 
-u32 address_of(const neighbour* n) noexcept {
-  u32 address;
+template <typename Address>
+Address address_of(const neighbour* n) noexcept {
+  Address address;
   std::memcpy(&address, n->primary_key, sizeof address);
   return address;
+}
+
+/// Asks for the entry's address; `mac` is whom to ask, null for everyone.
+void ask_for(neighbour* n, const u8* mac) {
+  if (n->tbl == &nd_tbl) {
+    nd_solicit(n->dev, address_of<wire::in6_addr>(n), mac);
+  } else {
+    arp_request(n->dev, address_of<u32>(n), mac);
+  }
 }
 
 /// Enters a state that keeps the hardware address, for a time.
@@ -124,12 +146,12 @@ receive_verdict transmit(sk_buff* skb, const neighbour* n) noexcept {
 void ask(neighbour* n) {
   ++n->probes;
   if (n->nud_state != NUD_PROBE) {
-    arp_request(n->dev, address_of(n), nullptr);
+    ask_for(n, nullptr);
     return;
   }
   u8 mac[wire::mac_length];
   neigh_ha_snapshot(mac, n);
-  arp_request(n->dev, address_of(n), mac);
+  ask_for(n, mac);
 }
 
 void begin_asking(neighbour* n, u8 state) {
@@ -138,13 +160,17 @@ void begin_asking(neighbour* n, u8 state) {
   ask(n);
 }
 
+receive_verdict reject_unreachable(sk_buff* skb) {
+  return is_ipv6_packet(skb) ? reject_ipv6(skb, icmpv6_error::address_unreachable())
+                             : reject(skb, icmp_error::host_unreachable());
+}
+
 /// Gives up. What waits is answered; connections that used a lost address leave the fast path.
 void fail(neighbour* n) {
   const bool was_known = (n->nud_state & NUD_VALID) != 0;
   enter(n, NUD_FAILED, failed_time);
-  drain(take_queue(n),
-        [](sk_buff* skb) { static_cast<void>(reject(skb, icmp_error::host_unreachable())); });
-  if (was_known) core().tracker->path_changed(n->dev, false);
+  drain(take_queue(n), [](sk_buff* skb) { static_cast<void>(reject_unreachable(skb)); });
+  if (was_known) path_has_changed(n->dev);
 }
 
 void ask_again(neighbour* n) {
@@ -206,6 +232,7 @@ void collect_entry(neighbour* n, void* context) {
 void forget_device(const net_device* dev, u8 spared_states) {
   device_entries wanted{dev, spared_states, {}};
   neigh_for_each(&arp_tbl, collect_entry, &wanted);
+  neigh_for_each(&nd_tbl, collect_entry, &wanted);
   for (neighbour* n : wanted.found) {
     forget(n);
     neigh_release(n);
@@ -215,7 +242,11 @@ void forget_device(const net_device* dev, u8 spared_states) {
 /// The state that a learnt address puts an entry in, or 0 when it tells nothing new.
 u8 state_after(const neighbour* n, bool same_address, neighbour_evidence evidence) noexcept {
   const bool asked = (n->nud_state & (NUD_INCOMPLETE | NUD_PROBE)) != 0;
-  if (evidence == neighbour_evidence::answer && asked) return NUD_REACHABLE;
+  const bool is_known = (n->nud_state & NUD_VALID) != 0;
+  if (evidence == neighbour_evidence::hint && is_known && !same_address) return 0;
+  const bool answers =
+      evidence == neighbour_evidence::answer || evidence == neighbour_evidence::hint;
+  if (answers && asked) return NUD_REACHABLE;
   return same_address ? 0 : NUD_STALE;
 }
 
@@ -224,10 +255,10 @@ void note_address(neighbour* n, const u8* mac, u8 state) {
   if (state == NUD_REACHABLE) n->confirmed = jiffies;
   start_timer(n, state == NUD_REACHABLE ? reachable_time : stale_time);
   drain(take_queue(n), [n](sk_buff* skb) { static_cast<void>(transmit(skb, n)); });
-  if (changed) core().tracker->path_changed(n->dev, false);
+  if (changed) path_has_changed(n->dev);
 }
 
-bool add_configured(net_device* dev, u32 address, const u8* mac, u8 state) {
+bool add_configured(net_device* dev, const ip_address& address, const u8* mac, u8 state) {
   const neighbour_ref n(obtain(dev, address));
   if (n.get() == nullptr) return false;
   neigh_update(n.get(), mac, state);
@@ -236,7 +267,7 @@ bool add_configured(net_device* dev, u32 address, const u8* mac, u8 state) {
 
 }  // namespace
 
-receive_verdict neighbour_output(sk_buff* skb, u32 next_hop) {
+receive_verdict neighbour_output(sk_buff* skb, const ip_address& next_hop) {
   const neighbour_ref n(obtain(skb->dev, next_hop));
   if (n.get() == nullptr) return discard(skb);
   const u8 state = n.get()->nud_state;
@@ -249,24 +280,29 @@ receive_verdict neighbour_output(sk_buff* skb, u32 next_hop) {
   return waiting;
 }
 
-void neighbour_learn(net_device* dev, u32 address, const u8 mac[wire::mac_length],
+void neighbour_learn(net_device* dev, const ip_address& address, const u8* mac,
                      neighbour_evidence evidence) {
   const bool may_enter = evidence == neighbour_evidence::question;
-  const neighbour_ref n(may_enter ? obtain(dev, address) : neigh_lookup(&arp_tbl, &address, dev));
+  const neighbour_ref n(may_enter ? obtain(dev, address)
+                                  : neigh_lookup(table_of(address), key_of(address), dev));
   if (n.get() == nullptr || (n.get()->nud_state & configured_states) != 0) return;
 
+  const bool has_address = (n.get()->nud_state & NUD_VALID) != 0;
+  if (mac == nullptr && !has_address) return;
   const bool same_address =
-      (n.get()->nud_state & NUD_VALID) != 0 && std::memcmp(n.get()->ha, mac, wire::mac_length) == 0;
+      has_address && (mac == nullptr || std::memcmp(n.get()->ha, mac, wire::mac_length) == 0);
   const u8 state = state_after(n.get(), same_address, evidence);
   if (state != 0) note_address(n.get(), mac, state);
 }
 
-bool neighbour_add_static(net_device* dev, u32 address, const u8 mac[wire::mac_length]) {
+bool neighbour_add_static(net_device* dev, const ip_address& address,
+                          const u8 mac[wire::mac_length]) {
   return add_configured(dev, address, mac, NUD_PERMANENT);
 }
 
 bool neighbour_add_point_to_point(net_device* dev) {
-  return add_configured(dev, 0, nullptr, NUD_NOARP);
+  return add_configured(dev, u32{0}, nullptr, NUD_NOARP) &&
+         add_configured(dev, wire::in6_addr{}, nullptr, NUD_NOARP);
 }
 
 void neighbour_forget_learnt(net_device* dev) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// The life of the kernel's neighbour entries for IPv4: resolving, confirming, expiring, and the
-// packets that wait meanwhile.
+// The life of the kernel's neighbour entries of both families: resolving, confirming, expiring, and
+// the packets that wait meanwhile.
 //
 //   (none) --packet--> INCOMPLETE --answer--> REACHABLE --30 s--> STALE --packet--> DELAY
 //   INCOMPLETE --3 questions, 1 s apart--> FAILED             STALE --60 s--> PROBE
@@ -15,12 +15,16 @@
 //
 // Entries in state NUD_PERMANENT and NUD_NOARP are configured and never change.
 //
+// How a neighbour is asked is the business of ARP and of neighbour discovery; an entry's table says
+// which of the two.
+//
 // An entry's timer holds a reference on it while it is pending. All under the stack's lock, which
 // also guards the entry's queue. Addresses are in network byte order.
 #pragma once
 
 #include "kernel/neighbour.h"
 #include "kernel/skbuff.h"
+#include "stack/config.h"
 #include "stack/router.h"
 
 namespace tarvelo::stack {
@@ -28,22 +32,24 @@ namespace tarvelo::stack {
 /// How a hardware address was learnt, from the strongest evidence to the weakest.
 enum class neighbour_evidence : u8 {
   answer,        ///< a reply to the router: confirms what was asked, else an announcement
+  hint,          ///< the same from one who may not know better: a known address stays
   question,      ///< a request for one of the router's addresses: its sender is worth an entry
   announcement,  ///< anything else: corrects an entry that is there
 };
 
 /// Takes a packet, `data` at its IP header, for an Ethernet device `skb->dev`: sends it to the
 /// neighbour, or lets it wait until the neighbour's address is known.
-[[nodiscard]] receive_verdict neighbour_output(sk_buff* skb, u32 next_hop);
+[[nodiscard]] receive_verdict neighbour_output(sk_buff* skb, const ip_address& next_hop);
 
-/// Notes that `address` on `dev` has the hardware address `mac`.
-void neighbour_learn(net_device* dev, u32 address, const u8 mac[wire::mac_length],
+/// Notes that `address` on `dev` has the hardware address `mac`; null: the one that is known.
+void neighbour_learn(net_device* dev, const ip_address& address, const u8* mac,
                      neighbour_evidence evidence);
 
 /// Configured entries. False without memory or room.
-[[nodiscard]] bool neighbour_add_static(net_device* dev, u32 address,
+[[nodiscard]] bool neighbour_add_static(net_device* dev, const ip_address& address,
                                         const u8 mac[wire::mac_length]);
-/// The entry for address 0 that stands for the other end of a point-to-point device.
+/// The entries for address 0, one of each family, that stand for the other end of a point-to-point
+/// device.
 [[nodiscard]] bool neighbour_add_point_to_point(net_device* dev);
 
 /// Drops what was learnt on a device, with what waits for it; configured entries stay.

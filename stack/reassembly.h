@@ -1,7 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// Reassembly of IPv4 fragments (RFC 791, 815), before connection tracking: the tracker and the
-// rules need the transport header, which only the first fragment has.
+// Reassembly of fragments of both families (RFC 791, 815; RFC 8200, 4.5), before connection
+// tracking: the tracker and the rules need the transport header, which only the first fragment has.
+//
+// An IPv4 datagram goes on whole. An IPv6 one is only looked at whole: a router does not fragment
+// for others, so what goes on are the fragments as they came, which the result holds as well.
+//
+// The fast path knows a datagram from its first fragment on. Fragments that arrive before it are
+// handed back and wait here, as they came; when the first one then goes the fast way, so must they,
+// or the datagram would never be whole at its receiver. gone_fast() gives them out for that, the
+// last one only after all others: with it the fast path forgets the datagram.
 //
 // What an attacker could do with it, and what stops him:
 //   - fill memory with datagrams that never become whole: the number of datagrams and the memory of
@@ -23,13 +31,26 @@
 #include <map>
 #include <vector>
 
+#include "kernel/atomic.h"
 #include "kernel/jiffies.h"
 #include "kernel/skbuff.h"
 #include "kernel/timer.h"
 #include "stack/config.h"
+#include "stack/fragment_view.h"
+#include "stack/packet_chain.h"
 #include "stack/router.h"
 
 namespace tarvelo::stack {
+
+/// How a frame was when it was offered to the fast path: enough to offer it again.
+struct offered_frame {
+  static constexpr u32 max_link_length = 18;  ///< an Ethernet header with its tag
+
+  net_device* dev;  ///< null: was not offered
+  u32 priority;
+  u32 link_length;  ///< bytes in front of the IP header
+  u8 link[max_link_length];
+};
 
 class reassembly_table {
  public:
@@ -44,11 +65,19 @@ class reassembly_table {
   struct result {
     sk_buff* datagram;        ///< the caller's; null while there is none
     receive_verdict verdict;  ///< of the fragment, when there is none
+    packet_chain originals;   ///< of an IPv6 datagram: its fragments in order
   };
   /// Takes a fragment: `data` at its checked IP header, `len` cut to it, `network_header` set. A
   /// datagram that it completes is a new linear buffer with the same three properties, no longer
   /// marked as a fragment, with headroom for any encapsulation.
-  [[nodiscard]] result add(sk_buff* skb);
+  [[nodiscard]] result add(sk_buff* skb, const offered_frame& as_offered);
+
+  /// The fast path has taken a fragment that came in by `dev`. What has waited for it is the
+  /// caller's to offer, each as it was offered before, and to free when it is not taken now.
+  [[nodiscard]] packet_chain gone_fast(const fragment_view& gone, const net_device* dev);
+
+  /// True while anything waits; any context.
+  [[nodiscard]] bool anything_waits() const noexcept { return read_once(waiting_) != 0; }
 
   /// Frees what is held and stops the timer; process context, stack's lock not held.
   void clear();
@@ -58,24 +87,23 @@ class reassembly_table {
 
  private:
   struct key {
-    u32 saddr;
-    u32 daddr;
-    u16 id;
-    u8 protocol;
+    fragment_key fragment;
     int ifindex;
-    auto operator<=>(const key&) const = default;
+    friend auto operator<=>(const key&, const key&) = default;
   };
   /// A fragment's place in the datagram's data, in bytes; [start, end).
   struct piece {
     u32 start;
     u32 end;
-    sk_buff* skb;
+    sk_buff* skb;  ///< null: it has gone the fast way
+    offered_frame as_offered;
   };
   struct datagram {
     key id;
     u32 deadline;               ///< jiffies
     u32 total;                  ///< bytes of data, 0 until the last fragment is there
-    u32 held;                   ///< bytes of data that are there
+    u32 seen;                   ///< bytes of data that are there or have gone the fast way
+    bool gone_fast;             ///< some have
     std::vector<piece> pieces;  ///< by start
   };
   using place = std::list<datagram>::iterator;
@@ -87,7 +115,10 @@ class reassembly_table {
   };
 
   [[nodiscard]] place find_or_begin(const key& id);
-  [[nodiscard]] insertion insert(datagram& into, const piece& what, bool last);
+  [[nodiscard]] place find_offered(const fragment_key& id, const net_device* dev);
+  [[nodiscard]] insertion insert(datagram& into, const piece& what, const fragment_view& view);
+  [[nodiscard]] sk_buff* put_together(const datagram& whole);
+  void let_go(piece& part);
   [[nodiscard]] result finish(place whole);
   void forget(place which);
   void rearm();
@@ -100,6 +131,7 @@ class reassembly_table {
   std::map<key, place> index_;
   u32 bytes_ = 0;  ///< of memory in held buffers
   u64 refused_ = 0;
+  u32 waiting_ = 0;  ///< datagrams; changed under the lock, read without
   timer_list timer_{};
 };
 

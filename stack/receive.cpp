@@ -4,8 +4,13 @@
 #include <cstring>
 
 #include "kernel/fast_path.h"
-#include "stack/arp.h"
+#include "stack/ethernet_frame.h"
+#include "stack/ethernet_input.h"
+#include "stack/fast_path_tunnels.h"
+#include "stack/fragment_offer.h"
 #include "stack/ip_input.h"
+#include "stack/ipv6_input.h"
+#include "stack/pppoe.h"
 #include "stack/stack_core.h"
 #include "stack/stack_lock.h"
 
@@ -13,31 +18,16 @@ namespace tarvelo::stack {
 
 namespace {
 
-enum class addressee : u8 {
-  router,
-  everyone,  ///< a group: received, but never forwarded and so never offered
-  stranger,  ///< another host, or no proper frame
-};
-
 receive_counters& counters() noexcept {
   return core().received[hosted::processor()];
 }
 
-addressee addressee_of_ethernet(const sk_buff* skb) noexcept {
-  if (skb_headlen(skb) < wire::ethernet_length) return addressee::stranger;
-  const auto* eth = reinterpret_cast<const wire::ethhdr*>(skb->data);
-  const u8* own = skb->dev->dev_addr;
-  // A frame that claims to come from here has gone round in a loop.
-  if ((eth->h_source[0] & wire::mac_group_bit) != 0) return addressee::stranger;
-  if (std::memcmp(eth->h_source, own, wire::mac_length) == 0) return addressee::stranger;
-  if ((eth->h_dest[0] & wire::mac_group_bit) != 0) return addressee::everyone;
-  const bool ours = std::memcmp(eth->h_dest, own, wire::mac_length) == 0;
-  return ours ? addressee::router : addressee::stranger;
-}
-
-/// Everything that comes over a link between two is for the router.
-addressee addressee_of_raw(const sk_buff* skb) noexcept {
-  return skb_headlen(skb) >= wire::ipv4_min_length ? addressee::router : addressee::stranger;
+/// A frame with a proper sender, which is not the device itself: such a frame has gone round in a
+/// loop.
+bool is_proper_frame(const sk_buff* skb) noexcept {
+  if (skb_headlen(skb) < wire::ethernet_length) return false;
+  const u8* sender = ethernet_header(skb)->h_source;
+  return !is_group_mac(sender) && !same_mac(sender, skb->dev->dev_addr);
 }
 
 /// The module tells frames with an Ethernet header from packets without one by the frame type, and
@@ -57,60 +47,89 @@ bool looks_like_a_frame(const sk_buff* skb) noexcept {
   }
 }
 
+/// Fragments that the fast path has taken at the second offer.
+void count_followers(u32 taken) noexcept {
+  for (; taken != 0; --taken)
+    count_once(counters().fast);
+}
+
 /// Offers a frame to the fast path; true when it is gone. Softirq context is the RCU read side that
 /// keeps the handle.
-bool taken_by_fast_path(sk_buff* skb, device_kind kind) noexcept {
+bool taken_by_fast_path(sk_buff* skb) noexcept {
   if (!read_once(core().offering)) return false;
   vok_handle* handle = rcu_dereference(kcih);
   if (handle == nullptr || read_once(handle->enable) == 0) return false;
-  if (kind == device_kind::rawip && looks_like_a_frame(skb)) return false;
+  if (is_tunnel_control(handle, skb)) return false;
   count_once(counters().offered);
+  const net_device* dev = skb->dev;
+  const std::optional<fragment_view> fragment = fragment_to_follow(skb);
   if (handle->_vok_forward(handle, skb, 0) != 0) return false;
   count_once(counters().fast);
+  if (fragment) count_followers(offer_followers(handle, *fragment, dev));
   return true;
 }
 
-receive_verdict receive_ethernet(sk_buff* skb, addressee to) {
-  const u16 type = reinterpret_cast<const wire::ethhdr*>(skb->data)->h_proto.host();
+/// True when neither the router nor a bridge of its has any use for a frame: dropped without taking
+/// the lock, for on a busy segment there may be many.
+bool is_for_strangers(const sk_buff* skb, const frame_place& place) noexcept {
+  const u8* to = ethernet_header(skb)->h_dest;
+  return place.port == nullptr && !is_group_mac(to) && !same_mac(to, place.dev->dev_addr);
+}
+
+/// What is for a group is received but never forwarded by the fast path, and so not offered.
+bool may_be_offered(const sk_buff* skb, const frame_place& place) noexcept {
+  const u8* to = ethernet_header(skb)->h_dest;
+  if (is_group_mac(to) || (read_once(place.dev->flags) & IFF_UP) == 0) return false;
+  if (place.port != nullptr) return bridge_may_offer(skb, place.port, place.foreign_tag);
+  return same_mac(to, place.dev->dev_addr);
+}
+
+receive_verdict receive_ethernet(sk_buff* skb) {
+  if (!is_proper_frame(skb)) return discard(skb);
+  const frame_place place = place_of(skb);
+  if (is_for_strangers(skb, place)) return discard(skb);
+  offered_frame as_offered{};
+  if (may_be_offered(skb, place)) {
+    const net_device* dev = place.port != nullptr ? place.port->br->dev : place.dev;
+    if (is_known_session_frame(skb, dev)) skb->fast_flags |= fast_flag::received_on_ppp;
+    if (taken_by_fast_path(skb)) return receive_verdict::fast;
+    as_offered = note_offered(skb);
+  }
+  const stack_guard guard;
+  core().as_offered = as_offered;
+  return input_frame(skb);
+}
+
+bool is_ipv6(const sk_buff* skb) noexcept {
+  constexpr unsigned version_shift = 4;
+  return skb->data[0] >> version_shift == 6;
+}
+
+/// A link without headers carries IP only, told apart by its version: input checks it. Everything
+/// that comes over a link between two is for the router.
+receive_verdict receive_raw(sk_buff* skb) {
+  if (skb_headlen(skb) < wire::ipv4_min_length) return discard(skb);
+  offered_frame as_offered{};
+  if (!looks_like_a_frame(skb)) {
+    if (taken_by_fast_path(skb)) return receive_verdict::fast;
+    as_offered = note_offered(skb);
+  }
+  const stack_guard guard;
+  core().as_offered = as_offered;
   skb->mac_header = static_cast<u16>(skb->data - skb->head);
-  skb_pull(skb, wire::ethernet_length);
-  switch (type) {
-    case wire::ethertype::ipv4:
-      // To a group: none of the router's services is reached that way, and it forwards none.
-      return to == addressee::router ? input_ip_packet(skb) : discard(skb);
-    case wire::ethertype::arp:
-      return input_arp(skb);
+  return is_ipv6(skb) ? input_ipv6_packet(skb) : input_ip_packet(skb);
+}
+
+/// Frames come in on these two kinds of device; all others are stacked on them.
+receive_verdict receive_on(sk_buff* skb, device_kind kind) {
+  switch (kind) {
+    case device_kind::port:
+      return receive_ethernet(skb);
+    case device_kind::rawip:
+      return receive_raw(skb);
     default:
       return discard(skb);
   }
-}
-
-/// A link without headers carries IP only, told apart by its version: input checks it.
-receive_verdict receive_raw(sk_buff* skb) {
-  skb->mac_header = static_cast<u16>(skb->data - skb->head);
-  return input_ip_packet(skb);
-}
-
-receive_verdict receive_slowly(sk_buff* skb, device_kind kind, addressee to) {
-  const stack_guard guard;
-  switch (kind) {
-    case device_kind::port:
-      return receive_ethernet(skb, to);
-    case device_kind::rawip:
-      return receive_raw(skb);
-  }
-  return discard(skb);
-}
-
-receive_verdict receive_on(sk_buff* skb, const device_record& record) {
-  const addressee to =
-      record.kind == device_kind::port ? addressee_of_ethernet(skb) : addressee_of_raw(skb);
-  if (to == addressee::stranger) return discard(skb);
-  skb->rx_dev = skb->dev;
-  if (to == addressee::router && taken_by_fast_path(skb, record.kind)) {
-    return receive_verdict::fast;
-  }
-  return receive_slowly(skb, record.kind, to);
 }
 
 }  // namespace
@@ -123,7 +142,8 @@ receive_verdict receive_frame(sk_buff* skb) {
     kfree_skb(skb);
   } else {
     dev_count_rx(dev, skb->len);
-    verdict = receive_on(skb, *record);
+    skb->rx_dev = dev;
+    verdict = receive_on(skb, record->kind);
   }
   if (verdict == receive_verdict::dropped) {
     dev_count_rx_dropped(dev);

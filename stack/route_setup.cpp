@@ -6,6 +6,7 @@
 
 #include "kernel/errno.h"
 #include "kernel/route.h"
+#include "stack/ipv6_setup.h"
 #include "stack/neighbour_cache.h"
 #include "stack/router.h"
 
@@ -102,20 +103,22 @@ void add_device_routes(const device_config& config, net_device* dev) {
 
 void add_configured_route(const route_config& config, net_device* dev) {
   const auto* to = std::get_if<ipv4_prefix>(&config.to);
-  if (to == nullptr || (config.via && !std::holds_alternative<u32>(*config.via))) {
-    refuse(config.device, "IPv6 routes are not supported by this build");
+  if (config.via && std::holds_alternative<u32>(*config.via) != (to != nullptr)) {
+    refuse(config.device, "a route and its gateway are of different families");
+  }
+  if (to == nullptr) {
+    add_configured_ipv6_route(config, dev);
+    return;
   }
   add_route(config.device, dev, {*to, RTN_UNICAST, config.via ? std::get<u32>(*config.via) : 0});
 }
 
 void add_configured_neighbour(const neighbour_config& config, net_device* dev) {
-  const u32* address = std::get_if<u32>(&config.address);
-  if (address == nullptr) {
-    refuse(config.device, "IPv6 neighbours are not supported by this build");
-  }
-  if (!neighbour_add_static(dev, *address, config.mac.bytes)) {
-    refuse(config.device, "no room for the neighbour " + text_of(*address));
-  }
+  if (neighbour_add_static(dev, config.address, config.mac.bytes)) return;
+  const u32* ipv4 = std::get_if<u32>(&config.address);
+  refuse(config.device, "no room for the neighbour " +
+                            (ipv4 != nullptr ? text_of(*ipv4)
+                                             : text_of(std::get<wire::in6_addr>(config.address))));
 }
 
 }  // namespace tarvelo::stack

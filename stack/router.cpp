@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "stack/router.h"
 
-#include <cstring>
 #include <string>
 
 #include "kernel/fast_path.h"
 #include "kernel/module_loader.h"
 #include "kernel/neighbour.h"
 #include "kernel/route.h"
+#include "stack/device_order.h"
+#include "stack/device_setup.h"
 #include "stack/ip_forward.h"
 #include "stack/ip_input.h"
+#include "stack/link_state.h"
 #include "stack/neighbour_cache.h"
 #include "stack/receive.h"
 #include "stack/route_setup.h"
@@ -19,45 +21,6 @@
 namespace tarvelo::stack {
 
 namespace {
-
-template <typename... Visitors>
-struct overloaded : Visitors... {
-  using Visitors::operator()...;
-};
-
-const char* type_name(const link_config& link) noexcept {
-  return std::visit(
-      overloaded{[](const port_link&) { return "port"; }, [](const vlan_link&) { return "vlan"; },
-                 [](const bridge_link&) { return "bridge"; },
-                 [](const pppoe_link&) { return "pppoe"; }, [](const l2tp_link&) { return "l2tp"; },
-                 [](const pptp_link&) { return "pptp"; },
-                 [](const rawip_link&) { return "rawip"; }},
-      link);
-}
-
-[[noreturn]] void refuse(const device_config& config, const std::string& why) {
-  throw setup_error("device \"" + config.name + "\": " + why);
-}
-
-/// An unregistered device of the configured type; null without memory.
-net_device* make_device(const device_config& config) {
-  if (const auto* port = std::get_if<port_link>(&config.link)) {
-    net_device* dev = alloc_netdev(config.name.c_str(), ARPHRD_ETHER);
-    if (dev == nullptr) return nullptr;
-    dev->flags |= IFF_BROADCAST;
-    std::memcpy(dev->dev_addr, port->mac.bytes, wire::mac_length);
-    return dev;
-  }
-  net_device* dev = alloc_netdev(config.name.c_str(), ARPHRD_NONE);
-  if (dev != nullptr) dev->flags |= IFF_POINTOPOINT;
-  return dev;
-}
-
-device_kind kind_of(const device_config& config) {
-  if (std::holds_alternative<port_link>(config.link)) return device_kind::port;
-  if (std::holds_alternative<rawip_link>(config.link)) return device_kind::rawip;
-  refuse(config, std::string("type ") + type_name(config.link) + " is not supported by this build");
-}
 
 int input_result(receive_verdict verdict) noexcept {
   return verdict == receive_verdict::dropped ? -1 : 0;
@@ -73,15 +36,6 @@ int run_local_deliver(sk_buff* skb) {
 
 constexpr inet_input_ops input_ops{run_forward, run_local_deliver};
 
-/// Takes a device out of the module's caches. The read side keeps the handle.
-void sweep_from_fast_path(net_device* dev) {
-  rcu_read_lock();
-  if (vok_handle* handle = rcu_dereference(kcih); handle != nullptr) {
-    handle->_vok_ipc_delete_by_dev(handle, dev);
-  }
-  rcu_read_unlock();
-}
-
 }  // namespace
 
 struct router::state {
@@ -91,7 +45,6 @@ struct router::state {
   state& operator=(const state&) = delete;
 
   void build(const router_config& config, const net_device_ops* port_ops);
-  void add_device(const device_config& config, const net_device_ops* port_ops);
   void take_down();
   [[nodiscard]] net_device* require_device(const std::string& name) const;
   void module_live();
@@ -122,8 +75,9 @@ router::state::~state() {
 
 void router::state::build(const router_config& config, const net_device_ops* port_ops) {
   neigh_table_limit(&arp_tbl, config.table_limits.neighbours);
-  for (const device_config& device : config.devices)
-    add_device(device, port_ops);
+  neigh_table_limit(&nd_tbl, config.table_limits.neighbours);
+  for (const device_config* device : build_order(config.devices))
+    set_up_device(*device, port_ops);
   for (const route_config& route : config.routes) {
     add_configured_route(route, require_device(route.device));
   }
@@ -132,30 +86,14 @@ void router::state::build(const router_config& config, const net_device_ops* por
     const stack_guard guard;
     add_configured_neighbour(entry, dev);
   }
+  shared.ppp.settle();
   shared.tracker = std::make_unique<connection_tracker>(
       config, [this](const std::string& name) { return shared.devices.by_name(name); });
   for (const auto& record : shared.devices.all())
-    dev_open(record->dev);
+    link_has_come_up(record->dev);
 
   set_module_notifier(&notifier);
   if (rcu_dereference(kcih) != nullptr) module_live();
-}
-
-void router::state::add_device(const device_config& config, const net_device_ops* port_ops) {
-  const device_kind kind = kind_of(config);
-  net_device* dev = make_device(config);
-  if (dev == nullptr) refuse(config, "no memory");
-  dev->mtu = config.mtu;
-  dev->netdev_ops = port_ops;
-  if (register_netdevice(dev) != 0) {
-    free_netdev(dev);
-    refuse(config, "the name is taken");
-  }
-  shared.devices.add(dev, kind, ipv4_addresses(config));
-  add_device_routes(config, dev);
-  if (kind != device_kind::rawip) return;
-  const stack_guard guard;
-  if (!neighbour_add_point_to_point(dev)) refuse(config, "no room for its neighbour entry");
 }
 
 net_device* router::state::require_device(const std::string& name) const {
@@ -165,13 +103,14 @@ net_device* router::state::require_device(const std::string& name) const {
 }
 
 /// In the order in which things depend on each other, as far as they have been set up: what waits
-/// holds connections, connections and routes hold devices.
+/// holds connections, connections, routes, bridges and sessions hold devices.
 void router::state::take_down() {
   set_module_notifier(nullptr);
   write_once(shared.offering, false);
   for (const auto& record : shared.devices.all())
     dev_close(record->dev);
   shared.reassembly.clear();
+  shared.bridges.clear();  // while there is a tracker, which their timers call
   {
     // All in one hold: a timer in between could have one device's error wait on another.
     const stack_guard guard;
@@ -179,11 +118,8 @@ void router::state::take_down() {
       neighbour_forget_all(record->dev);
   }
   shared.tracker.reset();
-  for (const auto& record : shared.devices.all()) {
-    sweep_from_fast_path(record->dev);
-    ip_route_flush(record->dev);
-    unregister_netdevice(record->dev);
-  }
+  shared.ppp.clear();
+  take_devices_away();
   inet_set_input(nullptr);
   rcu_barrier();
   set_core(nullptr);
@@ -193,6 +129,11 @@ void router::state::module_live() {
   if (module_is_live) return;
   module_is_live = true;
   shared.tracker->module_live();
+  {
+    const stack_guard guard;
+    for (const auto& one : shared.bridges)
+      one->report_all();
+  }
   write_once(shared.offering, true);
 }
 
@@ -219,17 +160,10 @@ net_device* router::device(std::string_view name) const {
 
 void router::set_link(net_device* dev, bool up) {
   if (up) {
-    dev_open(dev);
-    return;
+    link_has_come_up(dev);
+  } else {
+    link_has_gone_down(dev);
   }
-  // Down first: nothing that comes or goes by the device can enter the caches again.
-  dev_close(dev);
-  {
-    const stack_guard guard;
-    neighbour_forget_learnt(dev);
-    state_->shared.tracker->path_changed(dev, false);
-  }
-  sweep_from_fast_path(dev);
 }
 
 router_statistics router::statistics() const {

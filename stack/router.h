@@ -62,7 +62,7 @@ class router {
   receive_verdict receive(sk_buff* skb);
 
   [[nodiscard]] net_device* device(std::string_view name) const;
-  /// The link of a port has come up or gone down.
+  /// The link of a port has come up or gone down, and with it the devices stacked on the port.
   void set_link(net_device* dev, bool up);
   [[nodiscard]] router_statistics statistics() const;
 

@@ -9,12 +9,15 @@
 
 #include <array>
 #include <memory>
+#include <vector>
 
 #include "kernel/context.h"
+#include "stack/bridge.h"
 #include "stack/config.h"
 #include "stack/conntrack.h"
 #include "stack/device_table.h"
 #include "stack/icmp_limit.h"
+#include "stack/ppp_table.h"
 #include "stack/reassembly.h"
 #include "stack/router.h"
 
@@ -36,12 +39,16 @@ struct stack_core {
   explicit stack_core(const limits& bounds) : table_limits(bounds), reassembly(bounds) {}
 
   const limits table_limits;
-  device_table devices;  ///< constant while the router runs: no lock
+  device_table devices;                          ///< constant while the router runs: no lock
+  std::vector<std::unique_ptr<bridge>> bridges;  ///< likewise constant
+  ppp_table ppp;                                 ///< likewise constant
   std::array<receive_counters, hosted::max_processors> received{};  ///< no lock
   bool offering = false;  ///< frames go to the module first; read_once(), no lock
 
   std::unique_ptr<connection_tracker> tracker;
   reassembly_table reassembly;
+  /// The frame under way, as it was offered to the fast path. For the first packet found in it.
+  offered_frame as_offered{};
   icmp_limit error_limit;
   u16 next_datagram_id = 1;  ///< identification of the next packet that the router makes
   u64 slow_forwarded = 0;

@@ -51,7 +51,10 @@ struct ipc_entry {
   std::uint8_t dir;  ///< tracking direction served: 0 original, 1 reply
   std::uint8_t reserved_dir[3];
   std::uint16_t natp;  ///< translated port, network byte order
-  std::uint16_t reserved_natp;
+  /// Private to the module, 0 for everyone else: the longest IP packet that the PPP interface on
+  /// the output side takes, in bytes; 0 without such an interface. Kept here because `ppp_dev` is
+  /// the input side's interface when both sides are PPP.
+  std::uint16_t ppp_mtu;
   std::uint32_t natip;         ///< translated address, network byte order
   void* session;               ///< parameters of the tunnel side (PPTP or L2TP), or null
   net_device* ppp_dev;         ///< PPP interface to account on, or null

@@ -25,7 +25,7 @@ struct ipc_v6_entry {
   std::uint16_t dport;   ///< key, network byte order
   std::uint8_t proto;    ///< key: 6 (TCP) or 17 (UDP)
   std::uint8_t dir;      ///< 0 original, 1 reply
-  std::uint16_t reserved_dir;
+  std::uint16_t ppp_mtu;  ///< private to the module, as in `ipc_entry`
   net_device* ppp_dev;         ///< PPP interface to account on, or null
   std::uint16_t pppoe_sid;     ///< network byte order; only in entries with a PPPoE side
   std::uint16_t pppoe_sid_in;  ///< network byte order; only when both sides are PPPoE

@@ -59,8 +59,25 @@ struct ipv6hdr {
   u8 hop_limit;
   in6_addr saddr;
   in6_addr daddr;
+
+  [[nodiscard]] constexpr u32 version() const noexcept { return version_class_flow.host() >> 28; }
 };
 static_assert(sizeof(ipv6hdr) == ipv6_length && alignof(ipv6hdr) == 1);
+
+/// The fragment header of IPv6.
+struct ipv6_frag_hdr {
+  u8 nexthdr;
+  u8 reserved;
+  be16 frag_off;  ///< `ipv6_frag`; two bits between the fields are reserved
+  be32 identification;
+};
+static_assert(sizeof(ipv6_frag_hdr) == 8 && alignof(ipv6_frag_hdr) == 1);
+
+/// Fields of `frag_off`, host order; the offset, in bytes when the other bits are masked off.
+namespace ipv6_frag {
+inline constexpr u16 more_fragments = 0x0001;
+inline constexpr u16 offset_mask = 0xFFF8;
+}  // namespace ipv6_frag
 
 /// 224.0.0.0/4; `raw` in network order.
 [[nodiscard]] constexpr bool ipv4_is_multicast(u32 raw) noexcept {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// TCP (RFC 9293), UDP (RFC 768) and ICMP (RFC 792) headers.
+// TCP (RFC 9293), UDP (RFC 768), ICMP (RFC 792) and ICMPv6 (RFC 4443) headers.
 #pragma once
 
 #include "kernel/wire/endian.h"
@@ -62,5 +62,52 @@ inline constexpr u8 fragmentation_needed = 4;
 inline constexpr u8 ttl_exceeded = 0;
 inline constexpr u8 reassembly_time_exceeded = 1;
 }  // namespace icmp_code
+
+/// ICMPv6 messages begin with an icmphdr too; errors keep a 32-bit word in place of `id` and
+/// `sequence`. Types below 128 are errors.
+namespace icmpv6_type {
+inline constexpr u8 unreachable = 1;
+inline constexpr u8 packet_too_big = 2;
+inline constexpr u8 time_exceeded = 3;
+inline constexpr u8 parameter_problem = 4;
+inline constexpr u8 echo_request = 128;
+inline constexpr u8 echo_reply = 129;
+inline constexpr u8 router_solicitation = 133;
+inline constexpr u8 router_advertisement = 134;
+inline constexpr u8 neighbour_solicitation = 135;
+inline constexpr u8 neighbour_advertisement = 136;
+inline constexpr u8 redirect = 137;
+}  // namespace icmpv6_type
+
+namespace icmpv6_code {
+inline constexpr u8 no_route = 0;
+inline constexpr u8 address_unreachable = 3;
+inline constexpr u8 port_unreachable = 4;
+inline constexpr u8 hop_limit_exceeded = 0;
+inline constexpr u8 reassembly_time_exceeded = 1;
+inline constexpr u8 unknown_next_header = 1;
+}  // namespace icmpv6_code
+
+/// Neighbour solicitation and advertisement (RFC 4861, 4.3 and 4.4), followed by options.
+struct nd_message {
+  u8 type;
+  u8 code;
+  be16 checksum;
+  be32 flags;  ///< `nd_flag`; only in an advertisement
+  u8 target[16];
+};
+static_assert(sizeof(nd_message) == 24 && alignof(nd_message) == 1);
+
+namespace nd_flag {
+inline constexpr u32 router = 0x80000000;
+inline constexpr u32 solicited = 0x40000000;
+inline constexpr u32 override_known = 0x20000000;
+}  // namespace nd_flag
+
+namespace nd_option {
+inline constexpr u8 source_address = 1;  ///< link-layer address of the sender
+inline constexpr u8 target_address = 2;  ///< link-layer address of the target
+inline constexpr u32 unit = 8;           ///< option lengths count in these, bytes
+}  // namespace nd_option
 
 }  // namespace wire

@@ -3,16 +3,18 @@
 
 #include "kernel/printk.h"
 #include "kernel/spinlock.h"
+#include "module/brc/notify.h"
 #include "module/brc/table.h"
 #include "module/core/memory.h"
-#include "module/core/refusals.h"
 #include "module/forward/entry.h"
 #include "module/forward/hooks.h"
 #include "module/forward/vlan_tag.h"
 #include "module/ipc/add.h"
 #include "module/ipc/ct_ext.h"
+#include "module/ipc/pptp_frames.h"
 #include "module/ipc/remove.h"
 #include "module/ipc/table.h"
+#include "module/ipv6/add.h"
 #include "module/ipv6/table.h"
 #include "module/proc/registration.h"
 
@@ -115,8 +117,8 @@ vok_handle* _vok_attach(const char* name) {
 }
 
 void detach(vok_handle* ci) {
-  release_all_connections(ci);
-  release_all_v6_connections(ci);
+  ipv4_table::remove_all(ci);
+  ipv6_table::remove_all(ci);
   release_all_bridge_entries(ci);
   // The deferred frees run code of this module: it may not go before they have run.
   rcu_barrier();

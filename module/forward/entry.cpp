@@ -6,6 +6,7 @@
 #include "module/forward/bridged.h"
 #include "module/forward/frame.h"
 #include "module/forward/routed.h"
+#include "module/ipv6/forward.h"
 
 namespace tarvelo {
 namespace {
@@ -20,8 +21,7 @@ fate forward_classified(vok_handle* ci, sk_buff* skb, const frame& f) {
     bridge_pair pair;
     if (find_bridge_pair(ci, skb, f, &pair)) return forward_bridged(ci, skb, f, pair);
   }
-  if (f.ip != family::ipv4) return fate::ipv6;
-  return forward_routed(ci, skb, f);
+  return f.ip == family::ipv4 ? forward_routed(ci, skb, f) : _vok_forward_v6(ci, skb, f);
 }
 
 }  // namespace

@@ -30,11 +30,12 @@ enum class [[nodiscard]] fate : u8{
     unknown_tag_mode,      ///< the bridge entry does not say how to treat the tag
     same_device,           ///< the bridged frame would leave where it came in
     too_long,              ///< it exceeds the output device's MTU
-    ipv6,                  ///< routed IPv6
+    link_local,            ///< an IPv6 address that means something on its link only
     bad_header,            ///< IPv4 header length or total length is impossible
-    fragment,              ///< part of a larger datagram
-    other_protocol,        ///< neither TCP nor UDP
-    tunnelled,             ///< an IP packet inside GRE or L2TP
+    fragment,              ///< part of a larger datagram that is not known or may not go this way
+    fragments_full,        ///< no room to record a first fragment
+    other_protocol,        ///< neither TCP nor UDP nor GRE; IPv6: not directly behind the header
+    tunnelled,             ///< GRE that is no PPTP data packet, or a tunnel with no IPv4 inside
     group_address,         ///< multicast IP address
     tcp_syn,               ///< opens a connection
     already_tracked,       ///< the buffer carries a connection
@@ -45,6 +46,8 @@ enum class [[nodiscard]] fate : u8{
     not_ripe,              ///< too few packets of the connection have been seen
     tcp_ending,            ///< a FIN or RST, or a segment after one
     encapsulation,         ///< frame and entry do not agree on the encapsulation
+    other_session,         ///< PPPoE session, L2TP session or PPTP call is not the entry's
+    no_session,            ///< the L2TP session is missing, ending or unsound
 };
 
 [[nodiscard]] constexpr bool is_handed_back(fate f) {

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/forward/rewrite.h"
 
-#include "kernel/jiffies.h"
 #include "kernel/wire/transport.h"
 #include "module/forward/checksum.h"
-#include "module/forward/mac.h"
+#include "module/forward/frame.h"
 
 namespace tarvelo {
 namespace {
-
-constexpr u32 unreplied_udp_timeout = 30 * HZ;
-constexpr u32 least_timer_movement = HZ;
 
 /// The two fields of a packet that one translation changes.
 struct translated_end {
@@ -27,16 +23,19 @@ struct translated_end {
 
 }  // namespace
 
-void translate(sk_buff* skb, const frame& f, const ipv4_flow& flow, const ipc_entry& entry) {
+void translate(sk_buff* skb, const ipv4_flow& flow, const ipc_entry& entry) {
   if ((entry.flags & (ipc_flag::snat | ipc_flag::dnat)) == 0) return;
-  auto* ip = header_at<wire::iphdr>(skb, f.l3);
+  auto* ip = header_at<wire::iphdr>(skb, flow.l3);
   u8* l4 = skb->data + flow.l4;
   const translated_end end = end_to_translate(ip, l4, entry.flags);
 
-  // The addresses are part of the pseudo header, so the transport checksum sees both changes.
   const u32 address_change = checksum_change(end.address->raw(), entry.natip);
-  const u32 l4_change = address_change + checksum_change(end.port->raw(), entry.natp);
   ip->check = wire::be16::from_raw(checksum_changed(ip->check.raw(), address_change));
+  *end.address = wire::be32::from_raw(entry.natip);
+  if (!flow.has_ports()) return;
+
+  // The addresses are part of the pseudo header, so the transport checksum sees both changes.
+  const u32 l4_change = address_change + checksum_change(end.port->raw(), entry.natp);
   if (flow.is_tcp()) {
     wire::be16& check = reinterpret_cast<wire::tcphdr*>(l4)->check;
     check = wire::be16::from_raw(checksum_changed(check.raw(), l4_change));
@@ -44,22 +43,7 @@ void translate(sk_buff* skb, const frame& f, const ipv4_flow& flow, const ipc_en
     wire::be16& check = reinterpret_cast<wire::udphdr*>(l4)->check;
     check = wire::be16::from_raw(udp_checksum_changed(check.raw(), l4_change));
   }
-  *end.address = wire::be32::from_raw(entry.natip);
   *end.port = wire::be16::from_raw(entry.natp);
-}
-
-void write_addresses(sk_buff* skb, const ipc_entry& entry) {
-  auto* ethernet = header_at<wire::ethhdr>(skb, 0);
-  copy_mac(ethernet->h_dest, entry.dmac);
-  copy_mac(ethernet->h_source, entry.smac);
-}
-
-void refresh_timeout(nf_conn* ct, u8 protocol) {
-  const bool established =
-      protocol == wire::ip_protocol::tcp || (read_once(ct->status) & IPS_SEEN_REPLY) != 0;
-  const u32 timeout = established ? nf_ct_established_timeout(protocol) : unreplied_udp_timeout;
-  const u32 expires = jiffies + timeout;
-  if (expires - nf_ct_expires(ct) >= least_timer_movement) nf_ct_refresh_pending(ct, expires);
 }
 
 }  // namespace tarvelo

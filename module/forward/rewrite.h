@@ -1,27 +1,19 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// What changes in a routed IPv4 packet: one address and port with their checksums, and the MAC
-// addresses. TTL and TOS are left alone: to both ends the fast path is not there.
+// What changes in a routed IPv4 packet: one address and port with their checksums. TTL and TOS are
+// left alone: to both ends the fast path is not there. A later fragment has no port to change and
+// no transport checksum.
 //
 // All of it runs after the last test, under the connection table's lock, and cannot fail.
 #pragma once
 
-#include "kernel/nf_conntrack.h"
 #include "kernel/skbuff.h"
-#include "module/forward/frame.h"
 #include "module/forward/ipv4_flow.h"
 #include "tarvelo/ipc_entry.h"
 
 namespace tarvelo {
 
 /// Applies the entry's translation; an entry that says both ends translates the source only.
-void translate(sk_buff* skb, const frame& f, const ipv4_flow& flow, const ipc_entry& entry);
-
-/// Writes the next hop's MAC addresses at the start of the data.
-void write_addresses(sk_buff* skb, const ipc_entry& entry);
-
-/// Keeps the connection alive, as tracking would for a packet that it sees. The timer is touched
-/// only when its expiry moves by a second or more, and never revived.
-void refresh_timeout(nf_conn* ct, u8 protocol);
+void translate(sk_buff* skb, const ipv4_flow& flow, const ipc_entry& entry);
 
 }  // namespace tarvelo

@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// The routed path: a packet of a cached IPv4 connection is translated and leaves by the
-// connection's output device.
-//
-// The table's lock is taken once and held from the chain walk until the frame is complete, so that
-// neither the entry nor what it points at can go away in between; it is free again before the
-// driver is called and before any reference is dropped. Until the last test has passed, nothing of
-// the frame is changed.
+// The routed path of IPv4: a packet of a cached connection is translated and leaves by the
+// connection's output device. The path itself is routed_path.h.
 #pragma once
 
 #include "module/core/handle.h"

@@ -15,6 +15,9 @@ inline void vok_skb_reset_mac_header(sk_buff* skb) {
 inline void vok_skb_reset_network_header(sk_buff* skb, const u8* header) {
   skb->network_header = static_cast<u16>(header - skb->head);
 }
+inline void vok_skb_reset_transport_header(sk_buff* skb, const u8* header) {
+  skb->transport_header = static_cast<u16>(header - skb->head);
+}
 inline void vok_set_mac_and_network_header(sk_buff* skb) {
   skb->mac_header = 0;
   skb->network_header = 0;

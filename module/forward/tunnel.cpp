@@ -1,52 +1,48 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/forward/tunnel.h"
 
-#include "kernel/wire/endian.h"
+#include "kernel/wire/gre.h"
+#include "kernel/wire/l2tp.h"
+#include "kernel/wire/ppp.h"
 #include "module/forward/frame.h"
 
 namespace tarvelo {
 namespace {
 
-/// The flags and version word: a data message (no T bit) of version 2 or 3 without offset and
-/// priority.
-constexpr u16 kind_mask = 0x8302;
-constexpr u16 plain_data_message = 0x0002;
-constexpr u16 length_present = 0x4000;
-constexpr u16 sequence_present = 0x0800;
+/// Linear bytes of the frame below which nobody looks for a packet inside.
+constexpr u32 shortest_pptp_frame = 82;
+constexpr u32 shortest_l2tp_frame = 87;
 
-/// Ethernet, IP, UDP, the shortest L2TP and PPP headers, an inner packet with ports.
-constexpr u32 shortest_tunnel_frame = 87;
-
-constexpr u8 ppp_address = 0xFF;
-constexpr u8 ppp_control = 0x03;
-constexpr u8 ppp_ipv4 = 0x21;
-
-[[nodiscard]] constexpr u32 l2tp_length(u16 word) {
-  u32 length = 6;
-  if ((word & length_present) != 0) length += 2;
-  if ((word & sequence_present) != 0) length += 4;
-  return length;
-}
-
-/// Address and control may be left out; the protocol is one odd byte or two bytes.
-[[nodiscard]] bool is_ppp_ipv4(const u8* ppp) {
-  if (ppp[0] == ppp_address) {
-    if (ppp[1] != ppp_control) return false;
-    ppp += 2;
-  }
-  return ppp[0] == ppp_ipv4 || (ppp[0] == 0 && ppp[1] == ppp_ipv4);
+/// Bytes of PPP framing in front of an IPv4 packet at that offset; 0 when it is something else.
+[[nodiscard]] u32 ipv4_framing(const sk_buff* skb, u32 at, u32 end) {
+  if (at >= end) return 0;
+  const wire::ppp_framing framing = wire::read_ppp_framing(skb->data + at, end - at);
+  return framing.protocol == wire::ppp_protocol::ipv4 ? framing.length : 0;
 }
 
 }  // namespace
 
-bool carries_l2tp(const sk_buff* skb, u32 payload) {
-  constexpr u32 longest_ppp_header = 4;
-  const u32 linear = skb_headlen(skb);
-  if (linear < shortest_tunnel_frame || linear < payload + sizeof(wire::be16)) return false;
+fate find_pptp(const sk_buff* skb, u32 gre, u32 end, tunnel_header* tunnel) {
+  if (skb_headlen(skb) < shortest_pptp_frame) return fate::truncated;
+  if (gre + wire::pptp_gre_data_length > end) return fate::truncated;
+  const auto* header = header_at<const wire::pptp_gre_hdr>(skb, gre);
+  if (!header->is_pptp_data()) return fate::tunnelled;
+  const u32 ppp = gre + header->length();
+  const u32 framing = ipv4_framing(skb, ppp, end);
+  if (framing == 0) return fate::tunnelled;
+  *tunnel = {tunnel_kind::pptp, gre, ppp + framing};
+  return fate::forward;
+}
+
+bool find_l2tp(const sk_buff* skb, u32 payload, u32 end, tunnel_header* tunnel) {
+  if (skb_headlen(skb) < shortest_l2tp_frame || payload + sizeof(wire::be16) > end) return false;
   const u16 word = header_at<wire::be16>(skb, payload)->host();
-  if ((word & kind_mask) != plain_data_message) return false;
-  const u32 ppp = payload + l2tp_length(word);
-  return ppp + longest_ppp_header <= linear && is_ppp_ipv4(skb->data + ppp);
+  if (!wire::l2tp_is_data(word)) return false;
+  const u32 ppp = payload + wire::l2tp_header_length(word);
+  const u32 framing = ipv4_framing(skb, ppp, end);
+  if (framing == 0) return false;
+  *tunnel = {tunnel_kind::l2tp, payload, ppp + framing};
+  return true;
 }
 
 }  // namespace tarvelo

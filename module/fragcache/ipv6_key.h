@@ -3,9 +3,7 @@
 // The identity of a fragmented IPv6 datagram, which all of its fragments carry.
 #pragma once
 
-#include <bit>
-
-#include "kernel/wire/ip.h"
+#include "module/ipv6/address.h"
 
 namespace tarvelo {
 
@@ -16,21 +14,11 @@ struct frag_key_v6 {
   wire::in6_addr daddr;
   u32 proto;  ///< a 16-bit value
 
-  /// By blocks: a comparison of the address types goes byte by byte.
   friend bool operator==(const frag_key_v6& a, const frag_key_v6& b) {
-    return a.id == b.id && a.proto == b.proto &&
-           __builtin_memcmp(&a.saddr, &b.saddr, sizeof(a.saddr)) == 0 &&
-           __builtin_memcmp(&a.daddr, &b.daddr, sizeof(a.daddr)) == 0;
+    return a.id == b.id && a.proto == b.proto && same_address(a.saddr.bytes, b.saddr) &&
+           same_address(a.daddr.bytes, b.daddr);
   }
 };
-
-[[nodiscard]] constexpr u32 folded(const wire::in6_addr& address) {
-  struct words {
-    u32 at[sizeof(wire::in6_addr) / sizeof(u32)];
-  };
-  const auto stored = std::bit_cast<words>(address);
-  return stored.at[0] ^ stored.at[1] ^ stored.at[2] ^ stored.at[3];
-}
 
 /// Mixes the stored words; the cache masks the result.
 [[nodiscard]] constexpr u32 frag_hash_v6(const frag_key_v6& key) {

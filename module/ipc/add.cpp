@@ -1,54 +1,21 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/ipc/add.h"
 
-#include "kernel/if_vlan.h"
 #include "kernel/jiffies.h"
-#include "kernel/ppp.h"
 #include "kernel/printk.h"
 #include "module/brc/table.h"
 #include "module/core/memory.h"
 #include "module/forward/mac.h"
 #include "module/ipc/admission.h"
 #include "module/ipc/next_hop.h"
+#include "module/ipc/ppp_record.h"
 #include "module/ipc/table.h"
+#include "module/ipc/way_out.h"
 
 namespace tarvelo {
 namespace {
 
 constexpr const char* reporter = "_vok_ipc_add";
-
-/// VLAN ids 0 and 1 are the priority tag and the default VLAN: no VLAN of their own.
-constexpr u16 first_real_vlan_id = 2;
-
-/// How input and output side are encapsulated: the input's channel type in the high byte, the
-/// output's in the low byte. Codes other than this one are tunnels and PPPoE sessions, which are
-/// left to the stack.
-constexpr u32 plain_on_both_sides = 0x1111;
-
-/// Where frames leave and, when there is a VLAN, what the connection's record must say about it.
-struct way_out {
-  net_device* sendif;
-  ::brc* bridge_entry;  ///< one reference held, or null
-  u16 vid;
-  net_device* real_dev;  ///< null: no VLAN
-};
-
-[[nodiscard]] u32 channel_type(net_device* dev, bool* known) {
-  ppp_conn_info info = {};
-  info.type = static_cast<u8>(ppp_channel_type::none);
-  if ((dev->flags & IFF_POINTOPOINT) != 0) *known = ppp_get_conn_pkt_info(dev, &info) == 0;
-  return info.type;
-}
-
-/// A point-to-point device without a PPP channel is a plain one.
-[[nodiscard]] u32 classify_encapsulation(net_device* input, net_device* output) {
-  bool known = true;
-  const u32 out = channel_type(output, &known);
-  if (!known) return plain_on_both_sides;
-  const u32 in = channel_type(input, &known);
-  if (!known) return plain_on_both_sides;
-  return in << 8 | out;
-}
 
 /// The packet's input side: its layer-3 device where the packet still carries the device below.
 [[nodiscard]] net_device* input_device(const sk_buff* skb) {
@@ -57,28 +24,6 @@ struct way_out {
       (flags & fast_flag::add_as_reply) != 0 && (flags & fast_flag::met_destination_nat) == 0;
   const bool original = (flags & fast_flag::original_direction) != 0;
   return original || marked_reply ? skb->rx_dev : skb->dev;
-}
-
-/// Looks through a VLAN device or a bridge. False when the bridge does not know the host.
-[[nodiscard]] bool find_way_out(const next_hop& hop, way_out* out) {
-  *out = {hop.dev, nullptr, 0, nullptr};
-  if (is_vlan_dev(hop.dev)) {
-    out->vid = vlan_dev_vlan_id(hop.dev);
-    out->real_dev = vlan_dev_real_dev(hop.dev);
-    return true;
-  }
-  if ((hop.dev->priv_flags & IFF_EBRIDGE) == 0) return true;
-
-  bridge_host host;
-  if (!hold_host_in_bridge(cih, hop.dmac, bridge_id(hop.dev), &host)) return false;
-  out->bridge_entry = host.entry;
-  out->sendif = host.sendif;
-  if (host.vlan_dev != nullptr) {
-    out->sendif = host.vlan_dev;
-    out->vid = host.VLANID;
-    out->real_dev = host.sendif;
-  }
-  return true;
 }
 
 /// One entry holds one translation: the end that was translated at this hook.
@@ -96,12 +41,11 @@ void set_translation(ipc_entry* entry, const add_report& report) {
 }
 
 [[nodiscard]] ipc_entry* build_entry(const add_report& report, const admitted& packet,
-                                     const next_hop& hop, const way_out& out) {
-  constexpr auto size = static_cast<std::size_t>(ipc_entry_size::no_pppoe);
+                                     const next_hop& hop, const ppp_sides& sides) {
+  const std::size_t size = entry_size_for<ipc_entry_size>(sides.pppoe_count());
   auto* entry = static_cast<ipc_entry*>(plat_malloc_cleared(size));
   if (entry == nullptr) return nullptr;
-  entry->brc = out.bridge_entry;
-  entry->sendif = out.sendif;
+  entry->sendif = hop.dev;
   entry->create_time = jiffies;
   entry->ct = report.skb->nfct != nullptr ? nf_ct_of(report.skb->nfct) : nullptr;
   copy_mac(entry->dmac, hop.dmac);
@@ -116,22 +60,20 @@ void set_translation(ipc_entry* entry, const add_report& report) {
   return entry;
 }
 
-/// The device that tells later which of the connection's devices is the VLAN or PPP side.
-void remember_device(vok_ct_ext* ext, net_device* input, net_device* output) {
-  if (ext->dev != nullptr) return;
-  if (is_vlan_dev(input) && vlan_dev_vlan_id(input) >= first_real_vlan_id) {
-    write_once(ext->dev, input);
-  } else if ((output->flags & IFF_POINTOPOINT) != 0) {
-    write_once(ext->dev, output);
-  }
+/// Both sides of PPP, and the device below VLAN devices and bridges. False when the flow must not
+/// be cached.
+[[nodiscard]] bool complete_entry(const sk_buff* skb, ipc_entry* entry, const ppp_sides& sides,
+                                  way_out* out) {
+  if (!record_ipc_ppp(skb, entry, sides)) return false;
+  if (!find_way_out(entry->sendif, entry->dmac, out)) return false;
+  entry->brc = out->bridge_entry;
+  entry->sendif = out->sendif;
+  return true;
 }
 
 void mark_added(const admitted& packet, const way_out& out) {
   vok_ct_ext* ext = packet.ext;
-  if (out.real_dev != nullptr) {
-    ext->vlan[packet.direction].vid = out.vid;
-    write_once(ext->vlan[packet.direction].real_dev, out.real_dev);
-  }
+  remember_vlan(ext, packet.direction, out);
   write_once(ext->flags, read_once(ext->flags) | ct_ext_flag::ever_added | packet.marks);
 }
 
@@ -139,7 +81,7 @@ void mark_added(const admitted& packet, const way_out& out) {
 [[nodiscard]] bool insert_unless_known(vok_handle* ci, ipc_entry* entry, const admitted& packet,
                                        const way_out& out, net_device* input, net_device* output) {
   spin_lock_bh(ci->ipc_lock);
-  const bool fresh = find_flow(ci, key_of(*entry)) == nullptr;
+  const bool fresh = find_flow(ci, ipv4_connections::key_of(*entry)) == nullptr;
   if (fresh) {
     remember_device(packet.ext, input, output);
     mark_added(packet, out);
@@ -169,13 +111,14 @@ void _ip_conntrack_ipct_add(vok_handle* ci, sk_buff* skb, unsigned int hooknum, 
   const u32 destination = destination_translated ? tuple->dst.u3.ip : packet.ip->daddr.raw();
   next_hop hop;
   if (!find_next_hop(skb, packet.ip, destination, &hop)) return;
-  if (classify_encapsulation(input_device(skb), hop.dev) != plain_on_both_sides) return;
-  way_out out;
-  if (!find_way_out(hop, &out)) return;
+  const ppp_sides sides = ppp_sides_of(input_device(skb), hop.dev);
+  if (!is_recordable(sides.code)) return;
 
-  ipc_entry* entry = build_entry(report, packet, hop, out);
-  if (entry == nullptr) {
-    if (out.bridge_entry != nullptr) put_bridge_entry(out.bridge_entry);
+  ipc_entry* entry = build_entry(report, packet, hop, sides);
+  if (entry == nullptr) return;
+  way_out out;
+  if (!complete_entry(skb, entry, sides, &out)) {
+    release_entry(entry);
     return;
   }
   if (ci == nullptr || ci->ipc == nullptr) {

@@ -3,9 +3,10 @@
 // Making IPv4 connection entries from what connection tracking reports.
 //
 // A report passes through: admission (may this packet become an entry?), the next hop (where do its
-// frames go?), the kind of encapsulation, and the device under a VLAN device or bridge. Then the
-// entry is built without a lock, and the test for a duplicate, the insertion and the connection's
-// record share one hold of the table's lock: no packet meets an entry whose record does not fit it.
+// frames go?) and the encapsulation of both sides. Then the entry is built without a lock, down to
+// the device under PPP, VLAN device or bridge; and the test for a duplicate, the insertion and the
+// connection's record share one hold of the table's lock: no packet meets an entry whose record
+// does not fit it.
 #pragma once
 
 #include "kernel/nf_conntrack.h"

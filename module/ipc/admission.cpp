@@ -43,17 +43,6 @@ void note_translations(const add_report& report, vok_ct_ext* ext) {
   }
 }
 
-[[nodiscard]] bool kept_off_fast_path(const add_report& report, const vok_ct_ext* ext) {
-  return report.skb->dev == nullptr || report.skb->rx_dev == nullptr ||
-         read_once(ext->double_nat) != 0 || (report.skb->fast_flags & fast_flag::never_add) != 0 ||
-         nf_ct_has_helper(report.ct) || (read_once(ext->flags) & ct_ext_flag::never_add) != 0;
-}
-
-/// Related packets have no entry of their own, and a reply that opens a connection does not exist.
-[[nodiscard]] bool serves_state(int ctinfo) {
-  return ctinfo == IP_CT_ESTABLISHED || ctinfo == IP_CT_NEW || ctinfo == IP_CT_ESTABLISHED_REPLY;
-}
-
 [[nodiscard]] u32 marks_for(ip_conntrack_dir direction, bool at_pre_routing) {
   namespace mark = ct_ext_flag;
   if (direction == IP_CT_DIR_ORIGINAL) {
@@ -64,12 +53,6 @@ void note_translations(const add_report& report, vok_ct_ext* ext) {
          (at_pre_routing ? mark::reply_at_pre_routing : mark::reply_at_post_routing);
 }
 
-/// From the first FIN on, tracking needs to see every segment.
-[[nodiscard]] bool tcp_is_ending(const nf_conn* ct) {
-  const u8 state = nf_ct_tcp_state(ct);
-  return state >= TCP_CONNTRACK_FIN_WAIT && state <= TCP_CONNTRACK_TIME_WAIT;
-}
-
 /// A later fragment has no ports; what stands in their place is data.
 [[nodiscard]] bool has_ports(const wire::iphdr* ip) {
   return (ip->frag_off.host() & wire::ip_frag::offset_mask) == 0;
@@ -77,25 +60,51 @@ void note_translations(const add_report& report, vok_ct_ext* ext) {
 
 }  // namespace
 
+void count_add_call(vok_ct_ext* ext) {
+  write_once(ext->add_calls, read_once(ext->add_calls) + 1);
+}
+
+void note_direction(sk_buff* skb, int ctinfo) {
+  if (ctinfo >= IP_CT_ESTABLISHED && ctinfo <= IP_CT_NEW) {
+    skb->fast_flags |= fast_flag::original_direction;
+  }
+}
+
+bool kept_off_fast_path(const sk_buff* skb, const nf_conn* ct) {
+  return skb->dev == nullptr || skb->rx_dev == nullptr ||
+         (skb->fast_flags & fast_flag::never_add) != 0 || nf_ct_has_helper(ct) ||
+         (read_once(ct->vok_ext->flags) & ct_ext_flag::never_add) != 0;
+}
+
+bool serves_state(int ctinfo) {
+  return ctinfo == IP_CT_ESTABLISHED || ctinfo == IP_CT_NEW || ctinfo == IP_CT_ESTABLISHED_REPLY;
+}
+
+ip_conntrack_dir direction_of(int ctinfo) {
+  return ctinfo == IP_CT_ESTABLISHED_REPLY ? IP_CT_DIR_REPLY : IP_CT_DIR_ORIGINAL;
+}
+
+bool tcp_is_ending(const nf_conn* ct) {
+  const u8 state = nf_ct_tcp_state(ct);
+  return state >= TCP_CONNTRACK_FIN_WAIT && state <= TCP_CONNTRACK_TIME_WAIT;
+}
+
 bool admit(const add_report& report, admitted* result) {
   if (report.ct == nullptr || report.ct->vok_ext == nullptr) return false;
   vok_ct_ext* ext = report.ct->vok_ext;
-  write_once(ext->add_calls, read_once(ext->add_calls) + 1);
+  count_add_call(ext);
 
   const wire::iphdr* ip = readable_header(report.skb);
   if (ip == nullptr) return false;
   note_translations(report, ext);
   if (to_or_from_router(report.hooknum)) return false;
-  if (report.ctinfo >= IP_CT_ESTABLISHED && report.ctinfo <= IP_CT_NEW) {
-    report.skb->fast_flags |= fast_flag::original_direction;
-  }
-  if (kept_off_fast_path(report, ext)) return false;
+  note_direction(report.skb, report.ctinfo);
+  if (kept_off_fast_path(report.skb, report.ct) || read_once(ext->double_nat) != 0) return false;
 
   const bool at_pre_routing = report.hooknum == NF_INET_PRE_ROUTING;
   if (!at_pre_routing && report.hooknum != NF_INET_POST_ROUTING) return false;
   if (!serves_state(report.ctinfo)) return false;
-  const ip_conntrack_dir direction =
-      report.ctinfo == IP_CT_ESTABLISHED_REPLY ? IP_CT_DIR_REPLY : IP_CT_DIR_ORIGINAL;
+  const ip_conntrack_dir direction = direction_of(report.ctinfo);
   const u32 marks = marks_for(direction, at_pre_routing);
   if ((read_once(ext->flags) & marks) == marks) return false;
   if (ip->protocol == wire::ip_protocol::tcp && tcp_is_ending(report.ct)) return false;

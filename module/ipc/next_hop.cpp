@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/ipc/next_hop.h"
 
-#include "kernel/neighbour.h"
 #include "kernel/route.h"
 #include "module/core/handle.h"
 #include "module/forward/mac.h"
@@ -40,7 +39,8 @@ namespace {
   return (read_once(neigh->nud_state) & accepted) != 0;
 }
 
-void copy_addresses(const neighbour* neigh, const net_device* dev, next_hop* hop) {
+void copy_addresses(const neighbour* neigh, net_device* dev, next_hop* hop) {
+  hop->dev = dev;
   u8 header[wire::ethernet_length];
   if (neigh_hh_copy(neigh, header)) {
     const auto* ethernet = reinterpret_cast<const wire::ethhdr*>(header);
@@ -54,18 +54,35 @@ void copy_addresses(const neighbour* neigh, const net_device* dev, next_hop* hop
 
 }  // namespace
 
+bool read_next_hop(neigh_table* table, const void* key, net_device* dev, next_hop* hop) {
+  neighbour* neigh = neigh_lookup(table, key, dev);
+  if (neigh == nullptr) return false;
+  const bool usable = is_usable(neigh, dev);
+  if (usable) copy_addresses(neigh, dev, hop);
+  neigh_release(neigh);
+  return usable;
+}
+
 bool find_next_hop(sk_buff* skb, const wire::iphdr* ip, u32 destination, next_hop* hop) {
   if (!attach_route(skb, ip, destination)) return false;
   const rtable* route = forwarding_route(skb);
   if (route == nullptr) return false;
-  hop->dev = route->dst.dev;
+  return find_next_hop_on(route, destination, hop);
+}
+
+bool find_next_hop_on(const rtable* route, u32 destination, next_hop* hop) {
   const u32 key = neighbour_key(route, destination);
-  neighbour* neigh = neigh_lookup(&arp_tbl, &key, hop->dev);
+  return read_next_hop(&arp_tbl, &key, route->dst.dev, hop);
+}
+
+bool has_cached_header(const rtable* route, u32 destination) {
+  const u32 key = neighbour_key(route, destination);
+  neighbour* neigh = neigh_lookup(&arp_tbl, &key, route->dst.dev);
   if (neigh == nullptr) return false;
-  const bool usable = is_usable(neigh, hop->dev);
-  if (usable) copy_addresses(neigh, hop->dev, hop);
+  u8 header[wire::ethernet_length];
+  const bool cached = neigh_hh_copy(neigh, header);
   neigh_release(neigh);
-  return usable;
+  return cached;
 }
 
 }  // namespace tarvelo

@@ -188,7 +188,7 @@ TEST(Buffers, APlainCopyCarriesNoConnection) {
 }
 
 TEST(Connections, TheLastDropEndsThem) {
-  rcu_barrier();  // what earlier tests have deferred is not this one's
+  rcu_barrier();  // for what the tests before this one have freed
   const auto before = fault::now();
   static int destroyed;
   destroyed = 0;

@@ -11,6 +11,8 @@ namespace {
 using stack::receive_verdict;
 using stack::setup_error;
 
+constexpr const char* bridge_mac = "02:00:00:00:03:01";
+
 class router_setup_test : public router_test {
  protected:
   /// What the constructor says against `config`; empty when it says nothing.
@@ -25,7 +27,7 @@ class router_setup_test : public router_test {
   }
 };
 
-TEST_F(router_setup_test, refuses_what_this_build_cannot_do_and_names_the_device) {
+TEST_F(router_setup_test, refuses_what_cannot_be_built_and_names_the_device) {
   const auto with_device = [](const char* name, stack::link_config link) {
     stack::router_config changed = three_device_config();
     stack::device_config device;
@@ -34,10 +36,13 @@ TEST_F(router_setup_test, refuses_what_this_build_cannot_do_and_names_the_device
     changed.devices.push_back(device);
     return changed;
   };
+  stack::router_config vlan_twice = with_device("wan0.7", stack::vlan_link{"wan0", 7});
+  vlan_twice.devices.push_back(vlan_twice.devices.back());
+  vlan_twice.devices.back().name = "again";
   stack::router_config ipv6_route = three_device_config();
-  ipv6_route.routes.push_back({stack::ipv6_prefix{ip6("2001:db8::"), 32}, std::nullopt, "lan0"});
-  stack::router_config ipv6_neighbour = three_device_config();
-  ipv6_neighbour.neighbours.push_back({"lan0", ip6("2001:db8::1"), config_mac(host_mac)});
+  ipv6_route.routes.push_back({stack::ipv6_prefix{ip6("2001:db8::1"), 32}, std::nullopt, "lan0"});
+  stack::router_config mixed_route = three_device_config();
+  mixed_route.routes.push_back({stack::ipv6_prefix{ip6("2001:db8::"), 32}, ip4(gateway), "lan0"});
   stack::router_config twice = three_device_config();
   twice.routes.push_back({prefix_of("192.168.1.0", 24), ip4(gateway), "wan0"});
   stack::router_config crooked = three_device_config();
@@ -47,18 +52,19 @@ TEST_F(router_setup_test, refuses_what_this_build_cannot_do_and_names_the_device
     stack::router_config bad;
     const char* text;
   } rows[] = {
-      {with_device("br0", stack::bridge_link{{"lan0"}, config_mac(lan_mac)}),
-       "device \"br0\": type bridge is not supported by this build"},
-      {with_device("wan0.7", stack::vlan_link{"wan0", 7}),
-       "device \"wan0.7\": type vlan is not supported by this build"},
-      {with_device("ppp0", stack::pppoe_link{"wan0", 5, config_mac(gateway_mac)}),
-       "device \"ppp0\": type pppoe is not supported by this build"},
-      {with_device("ppp1", stack::l2tp_link{}),
-       "device \"ppp1\": type l2tp is not supported by this build"},
-      {with_device("ppp2", stack::pptp_link{}),
-       "device \"ppp2\": type pptp is not supported by this build"},
-      {ipv6_route, "device \"lan0\": IPv6 routes are not supported by this build"},
-      {ipv6_neighbour, "device \"lan0\": IPv6 neighbours are not supported by this build"},
+      {with_device("wan0.7", stack::vlan_link{"wan1", 7}),
+       "device \"wan0.7\": there is no device \"wan1\""},
+      {with_device("br0.7", stack::vlan_link{"br0.7", 7}),
+       "device \"br0.7\": it is stacked on itself"},
+      {with_device("wan0.7", stack::vlan_link{"wan0", 4095}),
+       "device \"wan0.7\": there is no VLAN 4095"},
+      {vlan_twice, "device \"again\": VLAN 7 is taken"},
+      {with_device("br0", stack::bridge_link{{"lan0", "lan0"}, config_mac(bridge_mac)}),
+       "device \"br0\": \"lan0\" is a port of a bridge already"},
+      {with_device("br0", stack::bridge_link{{"tun0"}, config_mac(bridge_mac)}),
+       "device \"br0\": \"tun0\" cannot be a port of a bridge"},
+      {ipv6_route, "device \"lan0\": route to 2001:db8:0:0:0:0:0:1/32 has bits below its prefix"},
+      {mixed_route, "device \"lan0\": a route and its gateway are of different families"},
       {twice, "device \"wan0\": there is another route to 192.168.1.0/24"},
       {crooked, "device \"wan0\": route to 10.0.0.1/8 has bits below its prefix"},
   };

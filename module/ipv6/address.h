@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// IPv6 addresses as the tables handle them: 16 stored bytes at any alignment, compared as a block
+// and hashed as the words that they are stored in.
+#pragma once
+
+#include <bit>
+
+#include "kernel/wire/ip.h"
+
+namespace tarvelo {
+
+/// The stored words of an address, folded into one.
+[[nodiscard]] constexpr u32 folded(const wire::in6_addr& address) {
+  struct words {
+    u32 at[sizeof(wire::in6_addr) / sizeof(u32)];
+  };
+  const auto stored = std::bit_cast<words>(address);
+  return stored.at[0] ^ stored.at[1] ^ stored.at[2] ^ stored.at[3];
+}
+
+/// By blocks: a comparison of the address types goes byte by byte.
+[[nodiscard]] inline bool same_address(const u8* stored, const wire::in6_addr& address) {
+  return __builtin_memcmp(stored, &address, sizeof(address)) == 0;
+}
+
+[[nodiscard]] inline wire::in6_addr address_at(const u8* stored) {
+  wire::in6_addr address;
+  __builtin_memcpy(&address, stored, sizeof(address));
+  return address;
+}
+
+}  // namespace tarvelo
