@@ -8,6 +8,7 @@
 
 #include "app/config.h"
 #include "app/control_files.h"
+#include "app/device_statistics.h"
 #include "app/output_directory.h"
 #include "app/replay_session.h"
 #include "ports/capture_file.h"
@@ -81,6 +82,7 @@ int replay(const replay_options& options) try {
   validate(inputs);
 
   output_directory out(options.out);
+  std::string statistics;
   {
     replay_session session(config, inputs, out);
     session.load_module(options.module);
@@ -90,9 +92,11 @@ int replay(const replay_options& options) try {
     for (const control_file& file : read_control_files()) {
       out.write(fmt::format("{}/{}", control_directory, file.name), file.text);
     }
+    statistics = device_statistics_text(config.router, session.router());
     session.finish();
   }
   out.commit();
+  fmt::print("{}", statistics);
   return exit_status::good;
 } catch (const ports::port_error& error) {
   throw input_error(error.what());
