@@ -14,11 +14,6 @@ constinit rwlock_t brc_lock = {0};
 
 namespace {
 
-/// The first byte stays out of the sum: it is the same for all hosts of one vendor anyway.
-[[nodiscard]] u32 bucket_of(const u8* mac) {
-  return (u32{mac[1]} + mac[2] + mac[3] + mac[4] + mac[5]) & (brc_buckets - 1);
-}
-
 [[nodiscard]] auto with_mac(const u8* mac) {
   return [mac](const ::brc& entry) { return same_mac(entry.dmac, mac); };
 }
@@ -37,9 +32,8 @@ namespace {
 /// Runs `use` on the first match while `brc_lock` is held for reading; null when there is none.
 template <typename Match, typename Use>
 ::brc* look_up(vok_handle* ci, const u8* mac, Match match, Use use) {
-  if (ci == nullptr || ci->brc == nullptr) return nullptr;
-  ::brc** head = &ci->brc[bucket_of(mac)];
-  if (read_once(*head) == nullptr) return nullptr;
+  if (ci == nullptr || !may_know_host(ci, mac)) return nullptr;
+  ::brc** head = &ci->brc[brc_bucket(mac)];
   read_lock_bh(&brc_lock);
   ::brc** link = find_link(head, match);
   ::brc* found = link != nullptr ? *link : nullptr;
@@ -117,7 +111,7 @@ int _vok_brc_add(vok_handle* ci, const ::brc* wanted) {
   }
   *fresh = *wanted;
 
-  ::brc** head = &ci->brc[bucket_of(fresh->dmac)];
+  ::brc** head = &ci->brc[brc_bucket(fresh->dmac)];
   write_lock_bh(&brc_lock);
   // The key may have appeared since it was looked up.
   const bool duplicate =
@@ -135,7 +129,7 @@ int _vok_brc_add(vok_handle* ci, const ::brc* wanted) {
 
 void _vok_brc_update(vok_handle* ci, const ::brc* wanted) {
   if (ci == nullptr || wanted == nullptr || ci->brc == nullptr) return;
-  ::brc** head = &ci->brc[bucket_of(wanted->dmac)];
+  ::brc** head = &ci->brc[brc_bucket(wanted->dmac)];
   write_lock_bh(&brc_lock);
   ::brc** link = find_link(head, with_mac_in_bridge(wanted->dmac, wanted->bridgeID));
   if (link == nullptr) link = find_link(head, with_mac(wanted->dmac));
@@ -155,7 +149,7 @@ void _vok_brc_update(vok_handle* ci, const ::brc* wanted) {
 void _vok_brc_delete(vok_handle* ci, const u8* mac, u32 bridgeID) {
   if (ci == nullptr || mac == nullptr || ci->brc == nullptr) return;
   write_lock_bh(&brc_lock);
-  ::brc** link = find_link(&ci->brc[bucket_of(mac)], with_mac_in_bridge(mac, bridgeID));
+  ::brc** link = find_link(&ci->brc[brc_bucket(mac)], with_mac_in_bridge(mac, bridgeID));
   ::brc* removed = link != nullptr ? unlink(link) : nullptr;
   write_unlock_bh(&brc_lock);
   if (removed != nullptr) put_bridge_entry(removed);
@@ -164,7 +158,7 @@ void _vok_brc_delete(vok_handle* ci, const u8* mac, u32 bridgeID) {
 int _vok_brc_portal_change(vok_handle* ci, const u8* mac, u32 portal) {
   if (mac == nullptr || ci == nullptr || ci->brc == nullptr) return -1;
   write_lock_bh(&brc_lock);
-  ::brc** link = find_link(&ci->brc[bucket_of(mac)], with_mac(mac));
+  ::brc** link = find_link(&ci->brc[brc_bucket(mac)], with_mac(mac));
   if (link != nullptr) (*link)->portal = static_cast<u8>(portal);
   write_unlock_bh(&brc_lock);
   if (link != nullptr) return 0;

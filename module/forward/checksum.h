@@ -12,13 +12,17 @@
 
 namespace tarvelo {
 
+/// A sum of 32 bits folded to 16: the halves are added both ways round, and the carry of the lower
+/// pair goes into the upper, where the result is. Only 0 gives 0.
+[[nodiscard]] constexpr u32 fold_sum(u32 sum) {
+  return (sum + (sum << 16 | sum >> 16)) >> 16;
+}
+
 /// The sum of two words, folded to 16 bits and not complemented.
 [[nodiscard]] constexpr u32 vok_do_csum(const u32 (&words)[2]) {
-  u32 sum = words[0] + words[1];
-  if (sum < words[0]) ++sum;
-  for (int fold = 0; fold < 3; ++fold)
-    sum = (sum >> 16) + (sum & 0xFFFF);
-  return sum & 0xFFFF;
+  u32 sum = 0;
+  const bool carry = __builtin_add_overflow(words[0], words[1], &sum);
+  return fold_sum(sum + u32{carry});
 }
 
 /// The partial sum of a field that changes from `before` to `after`; a 16-bit field is extended
@@ -29,10 +33,7 @@ namespace tarvelo {
 
 /// A stored checksum after `change`, the sum of up to 0xFFFF partial sums.
 [[nodiscard]] constexpr u16 checksum_changed(u16 stored, u32 change) {
-  u32 sum = (~u32{stored} & 0xFFFF) + change;
-  sum = (sum >> 16) + (sum & 0xFFFF);
-  sum = (sum >> 16) + (sum & 0xFFFF);
-  return static_cast<u16>(~sum);
+  return static_cast<u16>(~fold_sum((u32{stored} ^ 0xFFFF) + change));
 }
 
 /// The same for UDP, where a stored 0 means that the datagram carries no checksum: it stays 0, and

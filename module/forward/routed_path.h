@@ -55,16 +55,36 @@ class routed_path {
  public:
   /// Forwards a frame of a cached connection, or says why not; softirq context. On any result but
   /// `fate::forward` the buffer is the caller's and carries no connection of this call.
-  static fate forward(vok_handle* ci, sk_buff* skb, const frame& f) {
+  static fate forward(vok_handle* ci, sk_buff* skb, frame f) {
     if (skb->nfct != nullptr) return fate::already_tracked;
     if (const fate r = Path::admit(skb, f); r != fate::forward) return r;
     if (!f.pushed) {
-      if (const fate r = run_hooks(skb, f, VOK_HOOK_IP_PRE_ROUTING); r != fate::forward) return r;
+      if (const fate r = run_hooks(skb, f, VOK_HOOK_IP_PRE_ROUTING, Path::ip); r != fate::forward)
+        return r;
     }
     flow_type flow;
     if (const fate r = Path::read(skb, f, &flow); r != fate::forward) return r;
+    return forward_flow(ci, skb, f, flow);
+  }
 
-    routed_packet packet;
+  /// The same for a frame whose flow is known, with nothing left to do before its entry is looked
+  /// for.
+  static fate forward_read(vok_handle* ci, sk_buff* skb, frame f, const flow_type& flow) {
+    if (skb->nfct != nullptr) return fate::already_tracked;
+    return forward_flow(ci, skb, f, flow);
+  }
+
+ private:
+  /// What the checks have found out and taken for one packet.
+  struct routed_packet {
+    bool plain = true;                ///< nothing but the Ethernet header changes
+    l2tp_session* session = nullptr;  ///< one reference held, or null
+    wrapping_plan& plan;              ///< unless `plain`
+  };
+
+  static fate forward_flow(vok_handle* ci, sk_buff* skb, frame f, const flow_type& flow) {
+    wrapping_plan plan;
+    routed_packet packet = {.plan = plan};
     spin_lock_bh(connections::lock(ci));
     const fate result = prepare(ci, skb, f, flow, &packet);
     spin_unlock_bh(connections::lock(ci));
@@ -78,22 +98,13 @@ class routed_path {
     return fate::forward;
   }
 
- private:
-  /// What the checks have found out and taken for one packet.
-  struct routed_packet {
-    passage way;
-    wrapping_plan plan;
-    l2tp_session* session = nullptr;  ///< one reference held, or null
-  };
-
   /// The part under the table's lock. Once the hooks have agreed the frame is the fast path's: it
   /// is sent, or lost when its device is down.
-  static fate prepare(vok_handle* ci, sk_buff* skb, const frame& f, const flow_type& flow,
+  static fate prepare(vok_handle* ci, sk_buff* skb, frame f, const flow_type& flow,
                       routed_packet* packet) {
     entry_type* entry = find_current_entry(ci, flow);
     if (entry == nullptr) return fate::no_entry;
-    const arrival in = {f, flow.l3, flow.tunnel};
-    if (const fate r = check_entry(skb, in, flow, entry, packet); r != fate::forward) return r;
+    if (const fate r = check_entry(skb, f, flow, entry, packet); r != fate::forward) return r;
     const bool record = flow.fragment == fragment_kind::first && !flow.recorded;
     const fate verdict =
         record ? ask_hooks_for_first(skb, f, flow, *packet) : ask_hooks(skb, f, flow, *packet);
@@ -101,8 +112,22 @@ class routed_path {
 
     Path::rewrite(skb, flow, *entry);
     refresh_timeout(entry->ct, flow.key.proto);
-    carry_out(skb, in, packet->way, packet->plan);
-    return depart(ci, skb, f, packet->way, entry->ct);
+    change_wrapping(skb, f, flow, *entry, *packet);
+    return depart(ci, skb, f, *entry);
+  }
+
+  /// Carries the plan out: afterwards the data begins with the complete frame, the buffer's `dev`
+  /// is its device, and its header offsets are set. PPP interfaces and VLAN devices that took part
+  /// are accounted.
+  static void change_wrapping(sk_buff* skb, frame f, const flow_type& flow, const entry_type& entry,
+                              const routed_packet& packet) {
+    if (packet.plain) [[likely]] {
+      skb_pull(skb, flow.l3 - wire::ethernet_length);
+      label(skb, entry, entry.sendif, wire::ethernet_length);
+    } else {
+      const u32 network = rewrap(skb, arrival_of(f, flow), passage_of(entry), packet.plan);
+      label(skb, entry, skb->dev, network);
+    }
   }
 
   [[nodiscard]] static entry_type* find_current_entry(vok_handle* ci, const flow_type& flow) {
@@ -111,14 +136,25 @@ class routed_path {
   }
 
   /// Everything that can make the frame go back, once its entry is found, but for the hooks.
-  static fate check_entry(sk_buff* skb, const arrival& in, const flow_type& flow, entry_type* entry,
+  static fate check_entry(sk_buff* skb, frame f, const flow_type& flow, entry_type* entry,
                           routed_packet* packet) {
     if (const fate r = hold_connection(skb, *entry); r != fate::forward) return r;
     if (const fate r = check_record(entry->ct->vok_ext); r != fate::forward) return r;
     if (const fate r = check_tcp_end(entry, flow); r != fate::forward) return r;
-    packet->way = passage_of(*entry);
-    if (const fate r = check_fragment(flow, packet->way); r != fate::forward) return r;
-    return check_passage(skb, in, packet->way, packet);
+    if (is_plain(f, flow.tunnel.kind, *entry)) [[likely]] {
+      return check_plain_length(skb, flow.l3, *entry);
+    }
+    const passage way = passage_of(*entry);
+    if (const fate r = check_fragment(flow.fragment, way); r != fate::forward) return r;
+    packet->plain = false;
+    l2tp_session* session = nullptr;
+    const fate result = check_passage(skb, arrival_of(f, flow), way, &session, &packet->plan);
+    packet->session = session;
+    return result;
+  }
+
+  [[nodiscard]] static arrival arrival_of(frame f, const flow_type& flow) {
+    return {f, flow.l3, flow.tunnel};
   }
 
   /// Gives the buffer a reference on the entry's connection, unless that is ending.
@@ -148,33 +184,37 @@ class routed_path {
 
   /// A fragment cannot be put into a session or tunnel: the others of its datagram would be too
   /// long or have nowhere to go.
-  static fate check_fragment(const flow_type& flow, const passage& way) {
-    const bool whole = flow.fragment == fragment_kind::none;
+  static fate check_fragment(fragment_kind fragment, const passage& way) {
+    const bool whole = fragment == fragment_kind::none;
     return whole || !way.has(ipc_mode::built) ? fate::forward : fate::fragment;
   }
 
   /// Frame, entry and session agree, and what the frame becomes has room.
-  static fate check_passage(sk_buff* skb, const arrival& in, const passage& way,
-                            routed_packet* packet) {
+  [[gnu::noinline]] static fate check_passage(sk_buff* skb, const arrival& in, const passage& way,
+                                              l2tp_session** session, wrapping_plan* plan) {
     if (const fate r = check_arrival(skb, in, way); r != fate::forward) return r;
     if (way.has(ipc_flag::l2tp_in | ipc_flag::l2tp_out)) {
-      const fate r = hold_l2tp_session(skb, in.tunnel, way, &packet->session);
+      const fate r = hold_l2tp_session(skb, in.tunnel, way, session);
       if (r != fate::forward) return r;
     }
-    return plan_wrapping(skb, in, way, &packet->plan);
+    return plan_wrapping(skb, in, way, plan);
   }
 
-  /// A hook may have cut the data or moved it.
-  static fate ask_hooks(sk_buff* skb, const frame& f, const flow_type& flow,
-                        const routed_packet& packet) {
-    if (const fate r = run_hooks(skb, f, VOK_HOOK_IP_POST_ROUTING); r != fate::forward) return r;
+  static fate ask_hooks(sk_buff* skb, frame f, const flow_type& flow, const routed_packet& packet) {
+    if (!has_hooks(hook_list(Path::ip, VOK_HOOK_IP_POST_ROUTING))) [[likely]]
+      return fate::forward;
+    if (const fate r = run_listed_hooks(skb, frame(f), VOK_HOOK_IP_POST_ROUTING);
+        r != fate::forward)
+      return r;
+    // A hook may have cut the data or moved it.
     if (skb_headlen(skb) < flow.end) return fate::hook_cut_frame;
+    if (packet.plain) return fate::forward;
     return skb_headroom(skb) >= packet.plan.growth ? fate::forward : fate::no_headroom;
   }
 
   /// The same for a first fragment, which is recorded by now if the fast path takes it: the others
   /// may follow on another processor.
-  static fate ask_hooks_for_first(sk_buff* skb, const frame& f, const flow_type& flow,
+  static fate ask_hooks_for_first(sk_buff* skb, frame f, const flow_type& flow,
                                   const routed_packet& packet) {
     typename fragments::found added;
     if (!fragments::add(Path::fragment_id(skb, flow), flow.key.sport, flow.key.dport, &added)) {
