@@ -128,6 +128,18 @@ def in_reverse(family):
     return flow.scenario
 
 
+def first_twice(family):
+    """What the network has doubled is doubled behind the fast path too; the stack puts the datagram
+    together and passes over the repetition."""
+    flow = Flow(f"fragments-ipv{family}-first-twice", family)
+    received, sent = flow.frames(0x2180, 3)
+    _, slowly = flow.frames(0x2180, 3, HOPS - 1)
+    flow.scenario.only_slow_sends("wan0", slowly)
+    for place in (0, 0, 1, 2):
+        flow.passes(received[place], sent[place])
+    return flow.scenario
+
+
 def after_the_last(family):
     """What cannot work: with the last fragment the fast path forgets the datagram, so what arrives
     behind it stays in the stack, which misses the rest. The stack alone would send everything."""
@@ -187,6 +199,7 @@ def scenarios():
         yield in_order(family)
         yield first_late(family)
         yield in_reverse(family)
+        yield first_twice(family)
         yield after_the_last(family)
         yield expired(family)
         yield first_missing(family)
