@@ -18,11 +18,16 @@ namespace tarvelo {
   return (sum + (sum << 16 | sum >> 16)) >> 16;
 }
 
+/// The ones'-complement sum of two words, not folded.
+[[nodiscard]] constexpr u32 add_words(u32 a, u32 b) {
+  u32 sum = 0;
+  const bool carry = __builtin_add_overflow(a, b, &sum);
+  return sum + u32{carry};
+}
+
 /// The sum of two words, folded to 16 bits and not complemented.
 [[nodiscard]] constexpr u32 vok_do_csum(const u32 (&words)[2]) {
-  u32 sum = 0;
-  const bool carry = __builtin_add_overflow(words[0], words[1], &sum);
-  return fold_sum(sum + u32{carry});
+  return fold_sum(add_words(words[0], words[1]));
 }
 
 /// The partial sum of a field that changes from `before` to `after`; a 16-bit field is extended

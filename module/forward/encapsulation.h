@@ -83,11 +83,11 @@ inline fate check_plain_length(const sk_buff* skb, u32 l3, const Entry& entry) {
 template <typename Entry>
 inline void label(sk_buff* skb, const Entry& entry, net_device* dev, u32 network) {
   u8* data = skb->data;
+  vok_skb_reset_mac_header(skb);
+  vok_skb_reset_network_header(skb, data + network);
   copy_mac(data + offsetof(wire::ethhdr, h_dest), entry.dmac);
   copy_mac(data + offsetof(wire::ethhdr, h_source), entry.smac);
   skb->dev = dev;
-  vok_skb_reset_mac_header(skb);
-  vok_skb_reset_network_header(skb, data + network);
 }
 
 }  // namespace tarvelo
