@@ -4,8 +4,8 @@
 // need no byte swapping: everything here is the stored bytes read as native words.
 //
 // A change of a field is a partial sum: the complement of the old value plus the new one. Partial
-// sums are congruent to the change and never 0, so several of them may be added before the result
-// is folded into a stored checksum once.
+// sums are congruent to the change and, but for a field of ones that becomes 0, never 0, so several
+// of them may be added before the result is folded into a stored checksum once.
 #pragma once
 
 #include "kernel/wire/endian.h"
@@ -36,9 +36,15 @@ namespace tarvelo {
   return vok_do_csum({~before, after});
 }
 
+/// The partial sum of a 16-bit field: nothing to fold. 0 only for 0xFFFF that becomes 0.
+[[nodiscard]] constexpr u32 checksum_change_16(u16 before, u16 after) {
+  return u32{0xFFFF} - before + after;
+}
+
 /// A stored checksum after `change`, the sum of up to 0xFFFF partial sums.
 [[nodiscard]] constexpr u16 checksum_changed(u16 stored, u32 change) {
-  return static_cast<u16>(~fold_sum((u32{stored} ^ 0xFFFF) + change));
+  const u32 complement_added = change + 0xFFFF - stored;
+  return static_cast<u16>(~fold_sum(complement_added));
 }
 
 /// The same for UDP, where a stored 0 means that the datagram carries no checksum: it stays 0, and

@@ -44,7 +44,7 @@ inline void translate(sk_buff* skb, const ipv4_flow& flow, const ipc_entry& entr
 
   // The addresses are part of the pseudo header, so the transport checksum sees both changes.
   const u16 port = entry.natp;
-  const u32 l4_change = address_change + checksum_change(end.port->raw(), port);
+  const u32 l4_change = address_change + checksum_change_16(end.port->raw(), port);
   if (flow.is_tcp()) {
     wire::be16& check = reinterpret_cast<wire::tcphdr*>(l4)->check;
     check = wire::be16::from_raw(checksum_changed(check.raw(), l4_change));
