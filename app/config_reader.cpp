@@ -16,6 +16,7 @@ constexpr u32 mtu_least = 68;  ///< what every IPv4 network carries
 constexpr u32 mtu_most = 65535;
 constexpr u32 mtu_default = 1500;
 constexpr u32 word_most = 65535;
+constexpr u32 pppoe_session_most = 65534;  ///< 65535 is reserved: no session
 constexpr u16 l2tp_port = 1701;
 constexpr std::size_t name_most = 15;  ///< characters
 
@@ -103,7 +104,7 @@ stack::link_config read_bridge(table_reader& in, const std::string&) {
 stack::link_config read_pppoe(table_reader& in, const std::string&) {
   stack::pppoe_link link{};
   link.parent = in.string("parent", "name the device that carries the session");
-  link.session = read_word(in, "session");
+  link.session = static_cast<u16>(in.number("session", 1, pppoe_session_most));
   link.peer_mac = read_mac(in, "peer_mac");
   return link;
 }

@@ -9,6 +9,7 @@
 
 #include "app/config.h"
 #include "app/control_files.h"
+#include "app/device_statistics.h"
 #include "app/output_directory.h"
 #include "app/replay_session.h"
 #include "ports/capture_file.h"
@@ -109,6 +110,7 @@ int replay(const replay_options& options) try {
   keep_captures(config, inputs, options.out);
 
   output_directory out(options.out);
+  std::string statistics;
   {
     replay_session session(config, inputs, out);
     session.load_module(options.module);
@@ -118,9 +120,11 @@ int replay(const replay_options& options) try {
     for (const control_file& file : read_control_files()) {
       out.write(fmt::format("{}/{}", control_directory, file.name), file.text);
     }
+    statistics = device_statistics_text(config.router, session.router());
     session.finish();
   }
   out.commit();
+  fmt::print("{}", statistics);
   return exit_status::good;
 } catch (const ports::port_error& error) {
   throw input_error(error.what());

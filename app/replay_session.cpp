@@ -118,8 +118,8 @@ void replay_session::feed_one(ports::capture_port& port) {
       record(port, "slow");
       break;
     case stack::receive_verdict::fast:
-      if (outcome_.sent_fast) {
-        record(port, outcome_.routed ? "fast-routed" : "fast-bridged");
+      if (!outcome_.out.empty()) {
+        record(port, outcome_.bridged ? "fast-bridged" : "fast-routed");
         break;
       }
       [[fallthrough]];  // the module took it and sent nothing
@@ -145,10 +145,9 @@ s64 replay_session::sent(const net_device* dev, const sk_buff* skb) noexcept {
   if (feeding_) {
     auto& out = outcome_.out;
     if (std::find(out.begin(), out.end(), dev) == out.end()) out.push_back(dev);
-    if ((skb->fast_flags & fast_flag::sent_fast) != 0) {
-      outcome_.sent_fast = true;
-      outcome_.routed = skb->nfct != nullptr;
-    }
+    // What a tunnel over PPPoE sends has lost its marks: the session's device began it anew.
+    const bool marked = (skb->fast_flags & fast_flag::sent_fast) != 0;
+    outcome_.bridged = marked && skb->nfct == nullptr;
   }
   return last_sent_;
 }

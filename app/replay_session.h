@@ -43,6 +43,7 @@ class replay_session final : private ports::transmit_observer {
   void load_module(const std::string& path) { host_->load_module(path); }
   /// Feeds all frames.
   void feed();
+  [[nodiscard]] const stack::router& router() const { return host_->router(); }
   /// Takes the router down and completes the outputs.
   void finish();
 
@@ -50,8 +51,7 @@ class replay_session final : private ports::transmit_observer {
   /// What was sent on account of the frame being fed.
   struct outcome {
     std::vector<const net_device*> out;  ///< in order, each once
-    bool sent_fast = false;
-    bool routed = false;
+    bool bridged = false;                ///< the last of it, by the fast path and for no connection
   };
 
   void make_port(const stack::device_config& device, const std::vector<replay_input>& inputs,

@@ -25,6 +25,7 @@ class router_host {
   router_host& operator=(const router_host&) = delete;
 
   [[nodiscard]] stack::router& router() { return *router_; }
+  [[nodiscard]] const stack::router& router() const { return *router_; }
 
   /// Loads the module, `path` empty for the one installed with the command, and switches its fast
   /// path off when the configuration says so.

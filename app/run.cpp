@@ -15,6 +15,7 @@
 
 #include "app/config.h"
 #include "app/control_mount.h"
+#include "app/device_statistics.h"
 #include "app/port_set.h"
 #include "app/router_host.h"
 #include "app/timer_thread.h"
@@ -118,10 +119,11 @@ int run(const run_options& options) {
     ports.attach(host.router());
     host.load_module(options.module);
     serve(config, stop, ports, host);
-    last = summary(host.router().statistics(), ports.transmit_errors());
+    last = summary(host.router().statistics(), ports.transmit_errors()) + "\n" +
+           device_statistics_text(config.router, host.router());
     host.unload_module();
   }
-  fmt::print("{}\n", last);
+  fmt::print("{}", last);
   return exit_status::good;
 }
 

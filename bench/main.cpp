@@ -15,6 +15,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "bench/memory.h"
 #include "bench/subject.h"
@@ -58,12 +59,18 @@ class keeping_reporter : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
   }
 
-  void print_ratio(const std::string& slow, const std::string& fast) const {
-    const auto s = times_.find(slow);
-    const auto f = times_.find(fast);
-    if (s == times_.end() || f == times_.end()) return;
-    std::printf("routed IPv4: the fast path takes 1/%.1f of the slow path's time (%s, %s)\n",
-                s->second / f->second, fast.c_str(), slow.c_str());
+  /// For each row that was measured by both paths.
+  void print_ratios() const {
+    constexpr std::string_view fast_mark = "_fast";
+    for (const auto& [fast, fast_time] : times_) {
+      const std::size_t at = fast.find(fast_mark);
+      if (at == std::string::npos) continue;
+      const std::string name = fast.substr(0, at);
+      const auto slow = times_.find(name + "_slow" + fast.substr(at + fast_mark.size()));
+      if (slow == times_.end()) continue;
+      std::printf("%-16s the fast path takes 1/%.1f of the slow path's time\n", name.c_str(),
+                  slow->second / fast_time);
+    }
   }
 
  private:
@@ -88,7 +95,7 @@ int measure(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return EXIT_FAILURE;
   keeping_reporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.print_ratio("router_slow/1000", "router_fast/1000");
+  reporter.print_ratios();
   print_memory();
   return EXIT_SUCCESS;
 }

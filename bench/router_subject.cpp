@@ -125,9 +125,9 @@ class router_subject final : public subject {
                 .build(),
             wan_);
     receive(test::packet(from_client).seq(1, 1).build(), lan_);
-    const frame data = data_frame(c);
+    const test::bytes data = data_frame(c);
     for (unsigned i = 0; i < data_frames_to_open; ++i) {
-      receive({data.begin(), data.end()}, lan_);
+      receive(data, lan_);
     }
   }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/lanes.h"
 #include "bench/traffic.h"
 
 namespace tarvelo::bench {
@@ -21,6 +22,9 @@ class subject {
   subject(const subject&) = delete;
   subject& operator=(const subject&) = delete;
 
+  /// What it is to be fed with.
+  [[nodiscard]] virtual std::vector<frame_group> traffic(
+      const std::vector<connection>& connections) const;
   /// The device that frames come in on.
   [[nodiscard]] virtual net_device* input() const = 0;
   /// Takes all buffers, in softirq context. Ends the program when a frame went another way than the
@@ -40,6 +44,9 @@ struct subject_kind {
 [[nodiscard]] std::unique_ptr<subject> make_router_fast(const std::vector<connection>& connections);
 /// The same with the fast path off.
 [[nodiscard]] std::unique_ptr<subject> make_router_slow(const std::vector<connection>& connections);
+/// The whole router with what the lane stands on, whole or cut datagrams over UDP connections.
+[[nodiscard]] std::unique_ptr<subject> make_lane(const lane& l, direction way, bool fast,
+                                                 const std::vector<connection>& connections);
 /// A hash table of the standard library and full checksums: what one would write in an afternoon.
 [[nodiscard]] std::unique_ptr<subject> make_naive(const std::vector<connection>& connections);
 

@@ -39,39 +39,40 @@ std::vector<connection> make_connections(std::size_t count) {
   return result;
 }
 
-frame data_frame(const connection& c) {
-  const test::bytes built = test::packet()
-                                .eth(lan_mac, lan_host_mac)
-                                .ipv4(test::ip4_text(c.client), test::ip4_text(c.server))
-                                .tcp(wire::ntohs(c.client_port), wire::ntohs(c.server_port))
-                                .seq(1, 1)
-                                .payload(payload_bytes)
-                                .build();
-  frame f{};
-  std::copy_n(built.begin(), std::min(built.size(), f.size()), f.begin());
-  return f;
+test::bytes data_frame(const connection& c) {
+  return test::packet()
+      .eth(lan_mac, lan_host_mac)
+      .ipv4(test::ip4_text(c.client), test::ip4_text(c.server))
+      .tcp(wire::ntohs(c.client_port), wire::ntohs(c.server_port))
+      .seq(1, 1)
+      .payload(payload_bytes)
+      .build();
 }
 
-shuffled_frames::shuffled_frames(const std::vector<connection>& connections)
-    : order_(connections.size()) {
-  frames_.reserve(connections.size());
-  for (const connection& c : connections)
-    frames_.push_back(data_frame(c));
-  std::iota(order_.begin(), order_.end(), 0U);
-  std::shuffle(order_.begin(), order_.end(), std::mt19937(seed));
+shuffled_frames::shuffled_frames(const std::vector<frame_group>& groups) {
+  std::vector<u32> order(groups.size());
+  std::iota(order.begin(), order.end(), 0U);
+  std::shuffle(order.begin(), order.end(), std::mt19937(seed));
+  for (const u32 group : order) {
+    for (const test::bytes& frame : groups[group]) {
+      frames_.push_back({bytes_.size(), frame.size()});
+      bytes_.insert(bytes_.end(), frame.begin(), frame.end());
+    }
+  }
 }
 
-const frame& shuffled_frames::next() {
-  const frame& f = frames_[order_[at_]];
-  at_ = at_ + 1 == order_.size() ? 0 : at_ + 1;
-  return f;
+std::span<const u8> shuffled_frames::next() {
+  const place& frame = frames_[next_];
+  next_ = next_ + 1 == frames_.size() ? 0 : next_ + 1;
+  return {bytes_.data() + frame.at, frame.length};
 }
 
-sk_buff* received(const frame& f, net_device* dev) {
-  sk_buff* skb = alloc_skb(test::receive_headroom + frame_bytes, GFP_ATOMIC);
+sk_buff* received(std::span<const u8> frame, net_device* dev) {
+  const auto length = static_cast<u32>(frame.size());
+  sk_buff* skb = alloc_skb(test::receive_headroom + length, GFP_ATOMIC);
   if (skb == nullptr) throw std::bad_alloc();
   skb_reserve(skb, test::receive_headroom);
-  std::memcpy(skb_put(skb, frame_bytes), f.data(), frame_bytes);
+  std::memcpy(skb_put(skb, length), frame.data(), frame.size());
   skb->dev = dev;
   skb->rx_dev = dev;
   return skb;

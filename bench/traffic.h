@@ -1,21 +1,19 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// The traffic that every row of the benchmarks carries: TCP connections of a LAN's hosts to servers
-// all over the Internet, source-translated behind one public address, 64-byte frames, in random
-// order. Everything comes from one fixed seed, so two runs see the same frames.
+// The traffic that the rows of the benchmarks carry: connections of a LAN's hosts to servers all
+// over the Internet, in random order; TCP behind source NAT in 64-byte frames, where a row does not
+// say otherwise. Everything comes from one fixed seed, so two runs see the same frames.
 #pragma once
 
-#include <array>
+#include <span>
 #include <vector>
 
 #include "kernel/nf_conntrack.h"
 #include "kernel/skbuff.h"
 #include "kernel/types.h"
+#include "tests/support/net_text.h"
 
 namespace tarvelo::bench {
-
-inline constexpr std::size_t frame_bytes = 64;
-using frame = std::array<u8, frame_bytes>;
 
 inline constexpr char lan_mac[] = "02:00:00:00:01:01";
 inline constexpr char lan_host_mac[] = "02:00:00:00:01:02";
@@ -36,21 +34,30 @@ struct connection {
 [[nodiscard]] std::vector<connection> make_connections(std::size_t count);
 
 /// A data segment from the client, 10 bytes of payload, as it comes in on the LAN.
-[[nodiscard]] frame data_frame(const connection& c);
+[[nodiscard]] test::bytes data_frame(const connection& c);
 
-/// Hands out the frames of all connections, each as often as the others, in random order.
+/// The frames in which one packet of a connection comes: more than one when it is in fragments.
+using frame_group = std::vector<test::bytes>;
+
+/// Hands out the groups, each as often as the others, in random order; the frames of a group stay
+/// together and in order.
 class shuffled_frames {
  public:
-  explicit shuffled_frames(const std::vector<connection>& connections);
-  [[nodiscard]] const frame& next();
+  explicit shuffled_frames(const std::vector<frame_group>& groups);
+  [[nodiscard]] std::span<const u8> next();
 
  private:
-  std::vector<frame> frames_;
-  std::vector<u32> order_;
-  std::size_t at_ = 0;
+  struct place {
+    std::size_t at;
+    std::size_t length;
+  };
+
+  std::vector<u8> bytes_;  ///< all frames, one behind the other in the order they are handed out
+  std::vector<place> frames_;
+  std::size_t next_ = 0;
 };
 
 /// A buffer as a driver hands it up; the caller owns it.
-[[nodiscard]] sk_buff* received(const frame& f, net_device* dev);
+[[nodiscard]] sk_buff* received(std::span<const u8> frame, net_device* dev);
 
 }  // namespace tarvelo::bench

@@ -2,13 +2,15 @@
 #include "kernel/context.h"
 
 #include "kernel/checked_internal.h"
+#include "kernel/netdevice_internal.h"
 #include "kernel/rcupdate.h"
 
 namespace hosted {
 
+thread_local constinit unsigned own_processor = 0;
+
 namespace {
 
-thread_local constinit unsigned own_processor = 0;
 thread_local constinit unsigned softirq_depth = 0;
 
 }  // namespace

@@ -10,6 +10,9 @@
 
 namespace hosted {
 
+/// What processor() returns, without the call.
+extern thread_local constinit unsigned own_processor;
+
 /// One processor's counters, on a cache line of their own. Written by that processor only.
 struct alignas(64) device_counters {
   u64 rx_packets;

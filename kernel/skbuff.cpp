@@ -33,15 +33,14 @@ constexpr u32 most_blocks_kept = 512;  ///< by each thread, about 1 MiB
 /// Blocks of the usual room that this thread has freed.
 struct block_cache {
   sk_buff* first;
-  u32 count;
+  u32 vacant;  ///< blocks that it still takes; 0 before it is opened and once the thread ends
+  bool opened;
 };
 thread_local constinit block_cache cache{};
-thread_local constinit bool cache_owned = false;
-thread_local constinit bool thread_ends = false;
 
 struct cache_owner {
   ~cache_owner() {
-    thread_ends = true;
+    cache.vacant = 0;
     while (cache.first != nullptr) {
       sk_buff* skb = cache.first;
       cache.first = skb->next;
@@ -50,10 +49,14 @@ struct cache_owner {
   }
 };
 
-[[gnu::noinline]] void own_cache() noexcept {
+/// Before the thread's first block; false when the cache is full or gone.
+[[gnu::cold]] bool open_cache() noexcept {
+  if (cache.opened) return false;
   thread_local const cache_owner owner;
   static_cast<void>(owner);
-  cache_owned = true;
+  cache.opened = true;
+  cache.vacant = most_blocks_kept;
+  return true;
 }
 
 sk_buff* take_block(u32 room) noexcept {
@@ -61,7 +64,7 @@ sk_buff* take_block(u32 room) noexcept {
     if (room <= usual_room && cache.first != nullptr) {
       sk_buff* skb = cache.first;
       cache.first = skb->next;
-      --cache.count;
+      ++cache.vacant;
       return skb;
     }
     if (room < usual_room) room = usual_room;
@@ -69,20 +72,41 @@ sk_buff* take_block(u32 room) noexcept {
   return static_cast<sk_buff*>(std::malloc(sizeof(sk_buff) + room));
 }
 
+/// A block has at least the usual room, whatever part of it the buffer was given.
+[[nodiscard]] bool has_usual_room(const sk_buff* skb) noexcept {
+  return skb->end - skb->head <= static_cast<std::ptrdiff_t>(usual_room);
+}
+
+void keep_block(sk_buff* skb) noexcept {
+  skb->next = cache.first;
+  cache.first = skb;
+  --cache.vacant;
+}
+
 void give_block(sk_buff* skb) noexcept {
-  if constexpr (reuse_blocks) {
-    // A block has at least the usual room, whatever part of it the buffer was given.
-    const bool usual = skb->end - skb->head <= static_cast<std::ptrdiff_t>(usual_room);
-    if (usual && cache.count < most_blocks_kept && !thread_ends) {
-      if (!cache_owned) [[unlikely]]
-        own_cache();
-      skb->next = cache.first;
-      cache.first = skb;
-      ++cache.count;
-      return;
-    }
+  if (reuse_blocks && has_usual_room(skb) && (cache.vacant != 0 || open_cache())) {
+    keep_block(skb);
+  } else {
+    std::free(skb);
   }
-  std::free(skb);
+}
+
+/// True when nothing but the connection is to be dropped and no step takes a call.
+[[nodiscard]] bool can_keep_at_once(const sk_buff* skb) noexcept {
+  return reuse_blocks && skb->_skb_refdst == 0 && has_usual_room(skb) && cache.vacant != 0 &&
+         hosted::account::own_shard != nullptr;
+}
+
+[[gnu::noinline]] void free_slowly(sk_buff* skb, code_place at) noexcept {
+  if constexpr (kernel_checked) hosted::quarantine_check(skb, "buffer freed twice", at);
+  skb_dst_drop(skb, at);
+  nf_reset(skb, at);
+  hosted::account::gone(kind::buffer);
+  if constexpr (kernel_checked) {
+    hosted::quarantine_free(skb, at);
+  } else {
+    give_block(skb);
+  }
 }
 
 }  // namespace
@@ -103,15 +127,12 @@ sk_buff* hosted_alloc_skb(u32 size) noexcept {
 
 void hosted_kfree_skb(sk_buff* skb, const code_place* at) noexcept {
   if (skb == nullptr) return;
-  if constexpr (kernel_checked) hosted::quarantine_check(skb, "buffer freed twice", *at);
-  skb_dst_drop(skb, *at);
-  nf_reset(skb, *at);
+  if (!can_keep_at_once(skb)) [[unlikely]]
+    return free_slowly(skb, *at);
+  nf_conntrack* nfct = skb->nfct;
+  keep_block(skb);
   hosted::account::gone(kind::buffer);
-  if constexpr (kernel_checked) {
-    hosted::quarantine_free(skb, *at);
-  } else {
-    give_block(skb);
-  }
+  nf_conntrack_put(nfct);
 }
 
 sk_buff* skb_copy_plain(const sk_buff* skb, u32 tailroom, gfp_t flags) noexcept {

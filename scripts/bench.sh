@@ -32,10 +32,12 @@ instructions() {
 echo
 echo "instructions a packet (callgrind)"
 for row in "forward 1" "forward 1000" "forward 10000" "forward 100000" \
-           "router_fast 1000" "router_slow 1000" "naive 1000"; do
+           "router_fast 1000" "router_slow 1000" "naive 1000" \
+           "bridged_out_fast 1000" "vlan_out_fast 1000" "pppoe_out_fast 1000" "l2tp_out_fast 1000" \
+           "pptp_out_fast 1000" "ipv6_out_fast 1000" "fragments_out_fast 1000"; do
   # shellcheck disable=SC2086  # subject and connections
   set -- $row
   # Whole batches, and every connection at least once.
   packets=$((($2 / 25600 + 1) * 25600))
-  printf '  %-12s %7s connections   %8s\n' "$1" "$2" "$(instructions "$1" "$2" "$packets")"
+  printf '  %-18s %7s connections   %8s\n' "$1" "$2" "$(instructions "$1" "$2" "$packets")"
 done

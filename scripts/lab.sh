@@ -7,6 +7,10 @@
 #   host "lan"  192.168.1.2/24 ---- veth-lan |  COMMAND runs  | veth-wan ---- host "wan"
 #               default route to             |  here, with no |    203.0.113.1/24, and
 #               192.168.1.1                  |  address       |    198.51.100.7 behind it
+#               2001:db8:1::2/64             |                |    2001:db8:2::fe/64, and
+#               default route to ::1         |                |    2001:db8:7::7 behind it
+#
+# Where the machine has no IPv6 the hosts are without it.
 #
 # Everything lives in network namespaces of its own, made for this run and gone with it; no
 # interface of the machine is touched. COMMAND sees TARVELO_LAN and TARVELO_WAN, process ids whose
@@ -79,6 +83,13 @@ in_host "$TARVELO_LAN" ip address add 192.168.1.2/24 dev eth0
 in_host "$TARVELO_LAN" ip route add default via 192.168.1.1
 in_host "$TARVELO_WAN" ip address add 203.0.113.1/24 dev eth0
 in_host "$TARVELO_WAN" ip address add 198.51.100.7/32 dev lo
+if [ -e /proc/sys/net/ipv6/conf/all ]; then
+  in_host "$TARVELO_LAN" ip address add 2001:db8:1::2/64 dev eth0 nodad
+  in_host "$TARVELO_LAN" ip route add default via 2001:db8:1::1
+  in_host "$TARVELO_WAN" ip address add 2001:db8:2::fe/64 dev eth0 nodad
+  in_host "$TARVELO_WAN" ip address add 2001:db8:7::7/128 dev lo nodad
+  in_host "$TARVELO_WAN" ip route add 2001:db8:1::/64 via 2001:db8:2::1
+fi
 
 # In the background, so that a signal to this script reaches clean_up at once.
 "$@" &

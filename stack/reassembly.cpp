@@ -167,7 +167,7 @@ reassembly_table::insertion reassembly_table::insert(datagram& into, const piece
   if (view.last && (into.total != 0 || known_end > what.end)) return insertion::conflicting;
   if (into.total != 0 && what.end > into.total) return insertion::conflicting;
   if (what.end > view.max_end) return insertion::conflicting;
-  const u32 memory = what.skb != nullptr ? memory_of(what.skb) : 0;
+  const u32 memory = piece_memory + (what.skb != nullptr ? memory_of(what.skb) : 0);
   if (bytes_ + memory > max_bytes_) return insertion::no_room;
 
   pieces.insert(at, what);
@@ -220,6 +220,7 @@ reassembly_table::result reassembly_table::finish(place whole) {
 void reassembly_table::forget(place which) {
   for (piece& part : which->pieces) {
     sk_buff* skb = part.skb;
+    bytes_ -= piece_memory;
     if (skb == nullptr) continue;
     let_go(part);
     kfree_skb(skb);

@@ -98,6 +98,8 @@ class reassembly_table {
     sk_buff* skb;  ///< null: it has gone the fast way
     offered_frame as_offered;
   };
+  /// Counts against the bound as well: of a fragment that has gone, it is all that is left.
+  static constexpr u32 piece_memory = sizeof(piece);
   struct datagram {
     key id;
     u32 deadline;               ///< jiffies
@@ -129,7 +131,7 @@ class reassembly_table {
   const u32 max_bytes_;
   std::list<datagram> datagrams_;  ///< in the order of their deadlines
   std::map<key, place> index_;
-  u32 bytes_ = 0;  ///< of memory in held buffers
+  u32 bytes_ = 0;  ///< of memory in held buffers and their places
   u64 refused_ = 0;
   u32 waiting_ = 0;  ///< datagrams; changed under the lock, read without
   timer_list timer_{};

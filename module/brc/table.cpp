@@ -32,7 +32,7 @@ namespace {
 /// Runs `use` on the first match while `brc_lock` is held for reading; null when there is none.
 template <typename Match, typename Use>
 ::brc* look_up(vok_handle* ci, const u8* mac, Match match, Use use) {
-  if (ci == nullptr || !may_be_cached(ci, mac)) return nullptr;
+  if (ci == nullptr || !may_know_host(ci, mac)) return nullptr;
   ::brc** head = &ci->brc[brc_bucket(mac)];
   read_lock_bh(&brc_lock);
   ::brc** link = find_link(head, match);

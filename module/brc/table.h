@@ -36,23 +36,24 @@ struct bridge_host {
   return static_cast<u16>(bridge->ifindex);
 }
 
-/// The first byte stays out of the sum: it is the same for all hosts of one vendor anyway.
-[[nodiscard]] inline u32 brc_bucket(const u8* mac) {
-  return (u32{mac[1]} + mac[2] + mac[3] + mac[4] + mac[5]) & (brc_buckets - 1);
-}
-
-/// False when the host is certainly not cached: its bucket is empty, which is seen without the
-/// lock. On a router that bridges nothing this is all that a frame meets of the cache.
-[[nodiscard]] inline bool may_be_cached(const vok_handle* ci, const u8* mac) {
-  return ci->brc != nullptr && read_once(ci->brc[brc_bucket(mac)]) != nullptr;
-}
-
 /// Published lookups; any context. The first entry with that MAC (and bridge), or null; no
 /// reference is taken.
 [[nodiscard]] ::brc* _vok_brc_lkup(vok_handle* ci, const u8* mac);
 [[nodiscard]] ::brc* _vok_brc_lkup_brid(vok_handle* ci, const u8* mac, u32 bridgeID);
 
-/// The same for the packet paths; softirq context. False when there is no such host.
+/// The bucket of a host. The first byte stays out of the sum: it is the same for all hosts of one
+/// vendor anyway.
+[[nodiscard]] inline u32 brc_bucket(const u8* mac) {
+  return (u32{mac[1]} + mac[2] + mac[3] + mac[4] + mac[5]) & (brc_buckets - 1);
+}
+
+/// False when no host with that MAC is known, as one look at its bucket shows.
+[[nodiscard]] inline bool may_know_host(vok_handle* ci, const u8* mac) {
+  return ci->brc != nullptr && read_once(ci->brc[brc_bucket(mac)]) != nullptr;
+}
+
+/// The same for the packet paths; softirq context. False when there is no such host. A bucket that
+/// is empty is seen without taking the lock.
 [[nodiscard]] bool find_host(vok_handle* ci, const u8* mac, bridge_host* host);
 [[nodiscard]] bool find_host_in_vlan(vok_handle* ci, const u8* mac, u16 vid, bridge_host* host);
 [[nodiscard]] bool find_host_in_bridge(vok_handle* ci, const u8* mac, u16 bridgeID,

@@ -15,7 +15,7 @@ namespace {
 }
 
 /// All that can stand in the way, before the frame is touched.
-fate check_departure(const sk_buff* skb, const frame& f, const bridge_host& receiver) {
+fate check_departure(const sk_buff* skb, frame f, const bridge_host& receiver) {
   if (!leaves_tagged(receiver) && receiver.tag_mode != static_cast<u8>(tag_mode::untag)) {
     return fate::unknown_tag_mode;
   }
@@ -27,7 +27,7 @@ fate check_departure(const sk_buff* skb, const frame& f, const bridge_host& rece
   return fate::forward;
 }
 
-void apply_tag_mode(sk_buff* skb, const frame& f, const bridge_host& receiver) {
+void apply_tag_mode(sk_buff* skb, frame f, const bridge_host& receiver) {
   const u16 tci = tag_control(receiver.VLANID, f.priority);
   if (!leaves_tagged(receiver)) {
     if (f.is_tagged()) remove_tag(skb);
@@ -38,14 +38,14 @@ void apply_tag_mode(sk_buff* skb, const frame& f, const bridge_host& receiver) {
   }
 }
 
-[[nodiscard]] u32 departing_l3_offset(const frame& f, const bridge_host& receiver) {
+[[nodiscard]] u32 departing_l3_offset(frame f, const bridge_host& receiver) {
   const u32 link = leaves_tagged(receiver) ? wire::tagged_ethernet_length : wire::ethernet_length;
   return f.is_pppoe() ? link + wire::pppoe_length : link;
 }
 
 }  // namespace
 
-bool find_bridge_pair(vok_handle* ci, const sk_buff* skb, const frame& f, bridge_pair* pair) {
+bool find_known_pair(vok_handle* ci, const sk_buff* skb, const frame& f, bridge_pair* pair) {
   const auto* ethernet = header_at<const wire::ethhdr>(skb, 0);
   if (!may_be_cached(ci, ethernet->h_source)) return false;
   const bool sender_known = f.is_tagged()
@@ -58,7 +58,7 @@ bool find_bridge_pair(vok_handle* ci, const sk_buff* skb, const frame& f, bridge
 fate forward_bridged(vok_handle* ci, sk_buff* skb, const frame& f, const bridge_pair& pair) {
   const bridge_host& receiver = pair.receiver;
   if (read_once(ci->portal_check) != 0 && pair.sender.portal == 0) return fate::portal_closed;
-  if (const fate r = run_hooks(skb, f, VOK_HOOK_BRIDGE_ROUTING); r != fate::forward) return r;
+  if (const fate r = run_hooks(skb, f, VOK_HOOK_BRIDGE_ROUTING, f.ip); r != fate::forward) return r;
   write_once(pair.sender.entry->last_seen, u32{jiffies});
   if (const fate r = check_departure(skb, f, receiver); r != fate::forward) return r;
 

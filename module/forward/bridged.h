@@ -16,8 +16,16 @@ struct bridge_pair {
 };
 
 /// True when both ends of an Ethernet frame are hosts of one bridge; softirq context.
-[[nodiscard]] bool find_bridge_pair(vok_handle* ci, const sk_buff* skb, const frame& f,
-                                    bridge_pair* pair);
+[[nodiscard]] bool find_known_pair(vok_handle* ci, const sk_buff* skb, const frame& f,
+                                   bridge_pair* pair);
+
+/// The same; a sender of whom nothing is known is seen at once.
+[[nodiscard]] inline bool find_bridge_pair(vok_handle* ci, const sk_buff* skb, frame f,
+                                           bridge_pair* pair) {
+  if (!may_know_host(ci, header_at<const wire::ethhdr>(skb, 0)->h_source)) [[likely]]
+    return false;
+  return find_known_pair(ci, skb, frame(f), pair);
+}
 
 /// Sends the frame to the receiver's port, or says why not.
 fate forward_bridged(vok_handle* ci, sk_buff* skb, const frame& f, const bridge_pair& pair);

@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/forward/encapsulation.h"
 
-#include "kernel/if_vlan.h"
 #include "kernel/ppp_channel.h"
 #include "kernel/wire/gre.h"
 #include "module/forward/build_l2tp.h"
 #include "module/forward/build_pppoe.h"
 #include "module/forward/build_pptp.h"
-#include "module/forward/mac.h"
 #include "module/forward/ppp_account.h"
-#include "module/forward/transmit.h"
 #include "module/forward/vlan_tag.h"
 
 namespace tarvelo {
@@ -124,12 +121,6 @@ void leave_by_vlan(sk_buff* skb, const passage& way, const wrapping_plan& plan) 
   skb->dev = plan.vlan_below;
 }
 
-void write_addresses(sk_buff* skb, const passage& way) {
-  auto* ethernet = header_at<wire::ethhdr>(skb, 0);
-  copy_mac(ethernet->h_dest, way.dmac);
-  copy_mac(ethernet->h_source, way.smac);
-}
-
 void relabel(sk_buff* skb, const passage& way, const wrapping_plan& plan) {
   header_at<wire::pppoe_hdr>(skb, plan.link)->sid = wire::be16::from_raw(way.pppoe_sid);
 }
@@ -167,20 +158,16 @@ fate plan_wrapping(const sk_buff* skb, const arrival& in, const passage& way, wr
   return skb_headroom(skb) >= plan->growth ? fate::forward : fate::no_headroom;
 }
 
-void carry_out(sk_buff* skb, const arrival& in, const passage& way, const wrapping_plan& plan) {
+u32 rewrap(sk_buff* skb, const arrival& in, const passage& way, const wrapping_plan& plan) {
   note_tunnel_input(skb, in, way);
   strip(skb, plan);
   if (way.has(ipc_mode::stripped)) account_received(skb, way);
   if (way.has(ipc_mode::rewrapped)) write_type(skb, plan, build(skb, in, way, plan));
   if (way.has(ipc_flag::pppoe_in_out)) relabel(skb, way, plan);
-  write_addresses(skb, way);
   if (way.has(ipc_mode::built | ipc_flag::pppoe_in_out)) account_sent(skb, way);
-
   skb->dev = way.sendif;
   if (plan.tags) leave_by_vlan(skb, way, plan);
-  vok_skb_reset_mac_header(skb);
-  const u32 network = plan.link + plan.built + (in.l3 - plan.kept);
-  vok_skb_reset_network_header(skb, skb->data + network);
+  return plan.link + plan.built + (in.l3 - plan.kept);
 }
 
 }  // namespace tarvelo

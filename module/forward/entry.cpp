@@ -14,33 +14,50 @@ namespace {
 constexpr int consumed = 0;
 constexpr int not_consumed = -1;
 
-fate forward_classified(vok_handle* ci, sk_buff* skb, const frame& f) {
-  if (!f.pushed) {
-    if ((skb->data[0] & wire::mac_group_bit) != 0) return fate::group_destination;
-    count_one(ethernet_packet);
-    bridge_pair pair;
-    if (find_bridge_pair(ci, skb, f, &pair)) return forward_bridged(ci, skb, f, pair);
-  }
+/// Counts an Ethernet frame and bridges it, or leaves it to `route`.
+template <typename Route>
+inline fate forward_ethernet(vok_handle* ci, sk_buff* skb, frame f, Route route) {
+  count_one(ethernet_packet);
+  bridge_pair pair;
+  if (find_bridge_pair(ci, skb, f, &pair)) [[unlikely]]
+    return forward_bridged(ci, skb, frame(f), pair);
+  return route(ci, skb, f);
+}
+
+fate route(vok_handle* ci, sk_buff* skb, const frame& f) {
   return f.ip == family::ipv4 ? forward_routed(ci, skb, f) : _vok_forward_v6(ci, skb, f);
+}
+
+fate forward_classified(vok_handle* ci, sk_buff* skb, const frame& f) {
+  if (f.pushed) return route(ci, skb, f);
+  if ((skb->data[0] & wire::mac_group_bit) != 0) return fate::group_destination;
+  return forward_ethernet(ci, skb, f, route);
+}
+
+[[gnu::noinline]] fate forward_any(vok_handle* ci, sk_buff* skb) {
+  frame f;
+  fate result = classify(skb, &f);
+  if (result == fate::forward) result = forward_classified(ci, skb, f);
+  if (is_handed_back(result) && f.pushed) skb_pull(skb, wire::ethernet_length);
+  return result;
+}
+
+/// Most frames.
+inline fate forward_plain(vok_handle* ci, sk_buff* skb) {
+  return forward_ethernet(ci, skb, plain_ipv4::frame_of(skb), forward_routed_plain);
 }
 
 }  // namespace
 
 fate forward_frame(vok_handle* ci, sk_buff* skb) {
   if (ci == nullptr || skb == nullptr) return fate::no_input;
-  frame f;
-  fate result = classify(skb, &f);
-  if (result == fate::forward) result = forward_classified(ci, skb, f);
-
-  if (result == fate::drop) {
-    plat_skb_free(skb);
-  } else if (is_handed_back(result) && f.pushed) {
-    skb_pull(skb, wire::ethernet_length);
-  }
+  const fate result = plain_ipv4::is_plain(skb) ? forward_plain(ci, skb) : forward_any(ci, skb);
+  if (result == fate::drop) plat_skb_free(skb);
   return result;
 }
 
-int _vok_forward(vok_handle* ci, sk_buff* skb, unsigned long) {
+// Compiled in one piece with all that most frames need.
+[[gnu::flatten]] int _vok_forward(vok_handle* ci, sk_buff* skb, unsigned long) {
   return is_handed_back(forward_frame(ci, skb)) ? not_consumed : consumed;
 }
 

@@ -38,9 +38,10 @@ struct packet_flow {
 /// read.
 template <typename Flow>
 fate read_transport(const sk_buff* skb, u32 end, Flow* flow) {
-  flow->end = flow->l4 + (flow->is_tcp() ? u32{sizeof(wire::tcphdr)} : u32{sizeof(wire::udphdr)});
+  const bool tcp = flow->is_tcp();
+  flow->end = flow->l4 + (tcp ? u32{sizeof(wire::tcphdr)} : u32{sizeof(wire::udphdr)});
   if (flow->end > end) return fate::truncated;
-  if (flow->is_tcp()) {
+  if (tcp) {
     flow->tcp_flags = header_at<const wire::tcphdr>(skb, flow->l4)->flags;
     if ((flow->tcp_flags & wire::tcp_flag::syn) != 0) return fate::tcp_syn;
   }

@@ -7,49 +7,12 @@
 namespace tarvelo {
 namespace {
 
-/// Of the IP header, as much as the priority needs.
-constexpr u32 ip_front_length = 2;
-
 /// What a packet without Ethernet header must have in front: the pseudo header, and what a tag or
 /// a PPPoE header may need.
 constexpr u32 pushed_headroom = 32;
 
-constexpr u32 type_offset = offsetof(wire::ethhdr, h_proto);
-
 [[nodiscard]] constexpr u8 ip_version(u8 first_byte) {
   return first_byte >> 4;
-}
-
-/// The IPv4 precedence: the upper three bits of the second byte.
-[[nodiscard]] constexpr u8 precedence(u8 second_byte) {
-  return second_byte >> 5;
-}
-
-/// The upper three bits of the IPv6 traffic class, which lies across the first two bytes.
-[[nodiscard]] constexpr u8 traffic_class_priority(u8 first_byte) {
-  return (first_byte >> 1) & 7;
-}
-
-/// Sets the family that the IP version says, if it is the one that the type says.
-fate agree_on_version(const sk_buff* skb, u16 type, frame* f) {
-  if (skb_headlen(skb) < f->l3 + ip_front_length) return fate::truncated;
-  const u8 version = ip_version(skb->data[f->l3]);
-  if (type == wire::ethertype::ipv4 && version == 4) {
-    f->ip = family::ipv4;
-  } else if (type == wire::ethertype::ipv6 && version == 6) {
-    f->ip = family::ipv6;
-  } else {
-    return fate::version_mismatch;
-  }
-  return fate::forward;
-}
-
-fate classify_ip(const sk_buff* skb, u16 type, frame* f) {
-  if (const fate result = agree_on_version(skb, type, f); result != fate::forward) return result;
-  if (f->is_tagged()) return fate::forward;
-  const u8* ip = skb->data + f->l3;
-  f->priority = f->ip == family::ipv4 ? precedence(ip[1]) : traffic_class_priority(ip[0]);
-  return fate::forward;
 }
 
 fate classify_pppoe(sk_buff* skb, frame* f) {
@@ -107,14 +70,8 @@ fate classify_point_to_point(sk_buff* skb, frame* f) {
 
 }  // namespace
 
-fate classify(sk_buff* skb, frame* f) {
-  *f = {wire::ethernet_length, 0, 0, 0, family::ipv4, false};
-  if (skb_headlen(skb) < wire::ethernet_length) return fate::truncated;
-  const u16 type = header_at<wire::be16>(skb, type_offset)->host();
+fate classify_wrapped(sk_buff* skb, u16 type, frame* f) {
   switch (type) {
-    case wire::ethertype::ipv4:
-    case wire::ethertype::ipv6:
-      return classify_ip(skb, type, f);
     case wire::ethertype::vlan:
       return classify_tagged(skb, f);
     case wire::ethertype::pppoe_session:

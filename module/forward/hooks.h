@@ -49,10 +49,12 @@ fate run_listed_hooks(sk_buff* skb, const frame& f, vok_hook_point point);
 /// Logs that the hooks of a point returned something that is no verdict.
 void report_bad_verdict(vok_hook_point point);
 
-/// Runs the hooks of a point of the forward path on a frame, with the buffer's header offsets set
-/// for them. Afterwards the data may be elsewhere and shorter.
-inline fate run_hooks(sk_buff* skb, const frame& f, vok_hook_point point) {
-  return has_hooks(hook_list(f.ip, point)) ? run_listed_hooks(skb, f, point) : fate::forward;
+/// Runs the hooks of a point of the forward path on a frame of the family `ip`, with the buffer's
+/// header offsets set for them. Afterwards the data may be elsewhere and shorter.
+inline fate run_hooks(sk_buff* skb, frame f, vok_hook_point point, family ip) {
+  if (has_hooks(hook_list(ip, point))) [[unlikely]]
+    return run_listed_hooks(skb, frame(f), point);
+  return fate::forward;
 }
 
 }  // namespace tarvelo

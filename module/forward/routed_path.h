@@ -55,20 +55,33 @@ class routed_path {
  public:
   /// Forwards a frame of a cached connection, or says why not; softirq context. On any result but
   /// `fate::forward` the buffer is the caller's and carries no connection of this call.
-  static fate forward(vok_handle* ci, sk_buff* skb, const frame& f) {
+  static fate forward(vok_handle* ci, sk_buff* skb, frame f) {
     if (skb->nfct != nullptr) return fate::already_tracked;
     if (const fate r = Path::admit(skb, f); r != fate::forward) return r;
     if (!f.pushed) {
-      if (const fate r = run_hooks(skb, f, VOK_HOOK_IP_PRE_ROUTING); r != fate::forward) return r;
+      if (const fate r = run_hooks(skb, f, VOK_HOOK_IP_PRE_ROUTING, Path::ip); r != fate::forward)
+        return r;
     }
     flow_type flow;
     if (const fate r = Path::read(skb, f, &flow); r != fate::forward) return r;
+    return forward_flow(ci, skb, f, flow);
+  }
 
-    routed_packet packet;
+  /// The same for a frame whose flow is known, with nothing left to do before its entry is looked
+  /// for.
+  static fate forward_read(vok_handle* ci, sk_buff* skb, frame f, const flow_type& flow) {
+    if (skb->nfct != nullptr) return fate::already_tracked;
+    return forward_flow(ci, skb, f, flow);
+  }
+
+ private:
+  static fate forward_flow(vok_handle* ci, sk_buff* skb, frame f, const flow_type& flow) {
+    l2tp_session* session = nullptr;  // one reference held, or null
     spin_lock_bh(connections::lock(ci));
-    const fate result = prepare(ci, skb, f, flow, &packet);
+    const fate result = prepare(ci, skb, f, flow, &session);
     spin_unlock_bh(connections::lock(ci));
-    if (packet.session != nullptr) l2tp_session_put(packet.session);
+    if (session != nullptr) [[unlikely]]
+      l2tp_session_put(session);
     if (result != fate::forward) {
       nf_reset(skb);
       return result;
@@ -78,31 +91,44 @@ class routed_path {
     return fate::forward;
   }
 
- private:
-  /// What the checks have found out and taken for one packet.
-  struct routed_packet {
-    passage way;
-    wrapping_plan plan;
-    l2tp_session* session = nullptr;  ///< one reference held, or null
-  };
-
   /// The part under the table's lock. Once the hooks have agreed the frame is the fast path's: it
   /// is sent, or lost when its device is down.
-  static fate prepare(vok_handle* ci, sk_buff* skb, const frame& f, const flow_type& flow,
-                      routed_packet* packet) {
+  static fate prepare(vok_handle* ci, sk_buff* skb, frame f, const flow_type& flow,
+                      l2tp_session** session) {
     entry_type* entry = find_current_entry(ci, flow);
     if (entry == nullptr) return fate::no_entry;
-    const arrival in = {f, flow.l3, flow.tunnel};
-    if (const fate r = check_entry(skb, in, flow, entry, packet); r != fate::forward) return r;
-    const bool record = flow.fragment == fragment_kind::first && !flow.recorded;
-    const fate verdict =
-        record ? ask_hooks_for_first(skb, f, flow, *packet) : ask_hooks(skb, f, flow, *packet);
-    if (verdict != fate::forward) return verdict;
+    if (const fate r = check_connection(skb, flow, entry); r != fate::forward) return r;
+    if (!is_plain(f, flow.tunnel.kind, *entry)) [[unlikely]] {
+      return prepare_wrapped(ci, skb, {f, flow.l3, flow.tunnel}, flow_type(flow), entry, session);
+    }
+    if (const fate r = check_plain_length(skb, flow.l3, *entry); r != fate::forward) return r;
+    if (const fate r = ask_hooks(skb, f, flow, 0); r != fate::forward) return r;
 
-    Path::rewrite(skb, flow, *entry);
-    refresh_timeout(entry->ct, flow.key.proto);
-    carry_out(skb, in, packet->way, packet->plan);
-    return depart(ci, skb, f, packet->way, entry->ct);
+    change_packet(skb, flow, *entry);
+    skb_pull(skb, flow.l3 - wire::ethernet_length);
+    label(skb, *entry, entry->sendif, wire::ethernet_length);
+    return depart(ci, skb, f, *entry);
+  }
+
+  /// The same, from where they differ, for a frame that comes in or leaves in more than Ethernet.
+  [[gnu::noinline]] static fate prepare_wrapped(vok_handle* ci, sk_buff* skb, const arrival& in,
+                                                const flow_type& flow, entry_type* entry,
+                                                l2tp_session** session) {
+    const passage way = passage_of(*entry);
+    if (const fate r = check_fragment(flow, way); r != fate::forward) return r;
+    wrapping_plan plan;
+    if (const fate r = check_passage(skb, in, way, session, &plan); r != fate::forward) return r;
+    if (const fate r = ask_hooks(skb, in.link, flow, plan.growth); r != fate::forward) return r;
+
+    change_packet(skb, flow, *entry);
+    const u32 network = rewrap(skb, in, way, plan);
+    label(skb, *entry, skb->dev, network);
+    return depart(ci, skb, in.link, *entry);
+  }
+
+  static void change_packet(sk_buff* skb, const flow_type& flow, const entry_type& entry) {
+    Path::rewrite(skb, flow, entry);
+    refresh_timeout(entry.ct, flow.key.proto);
   }
 
   [[nodiscard]] static entry_type* find_current_entry(vok_handle* ci, const flow_type& flow) {
@@ -110,15 +136,10 @@ class routed_path {
     return link != nullptr && Path::is_current(**link) ? *link : nullptr;
   }
 
-  /// Everything that can make the frame go back, once its entry is found, but for the hooks.
-  static fate check_entry(sk_buff* skb, const arrival& in, const flow_type& flow, entry_type* entry,
-                          routed_packet* packet) {
+  static fate check_connection(sk_buff* skb, const flow_type& flow, entry_type* entry) {
     if (const fate r = hold_connection(skb, *entry); r != fate::forward) return r;
     if (const fate r = check_record(entry->ct->vok_ext); r != fate::forward) return r;
-    if (const fate r = check_tcp_end(entry, flow); r != fate::forward) return r;
-    packet->way = passage_of(*entry);
-    if (const fate r = check_fragment(flow, packet->way); r != fate::forward) return r;
-    return check_passage(skb, in, packet->way, packet);
+    return check_tcp_end(entry, flow);
   }
 
   /// Gives the buffer a reference on the entry's connection, unless that is ending.
@@ -155,34 +176,38 @@ class routed_path {
 
   /// Frame, entry and session agree, and what the frame becomes has room.
   static fate check_passage(sk_buff* skb, const arrival& in, const passage& way,
-                            routed_packet* packet) {
+                            l2tp_session** session, wrapping_plan* plan) {
     if (const fate r = check_arrival(skb, in, way); r != fate::forward) return r;
     if (way.has(ipc_flag::l2tp_in | ipc_flag::l2tp_out)) {
-      const fate r = hold_l2tp_session(skb, in.tunnel, way, &packet->session);
+      const fate r = hold_l2tp_session(skb, in.tunnel, way, session);
       if (r != fate::forward) return r;
     }
-    return plan_wrapping(skb, in, way, &packet->plan);
+    return plan_wrapping(skb, in, way, plan);
   }
 
-  /// A hook may have cut the data or moved it.
-  static fate ask_hooks(sk_buff* skb, const frame& f, const flow_type& flow,
-                        const routed_packet& packet) {
-    if (const fate r = run_hooks(skb, f, VOK_HOOK_IP_POST_ROUTING); r != fate::forward) return r;
-    if (skb_headlen(skb) < flow.end) return fate::hook_cut_frame;
-    return skb_headroom(skb) >= packet.plan.growth ? fate::forward : fate::no_headroom;
-  }
-
-  /// The same for a first fragment, which is recorded by now if the fast path takes it: the others
-  /// may follow on another processor.
-  static fate ask_hooks_for_first(sk_buff* skb, const frame& f, const flow_type& flow,
-                                  const routed_packet& packet) {
+  /// A first fragment is recorded by now if the fast path takes it: the others may follow on
+  /// another processor. `growth` is the headroom that the frame needs.
+  static fate ask_hooks(sk_buff* skb, frame f, const flow_type& flow, u32 growth) {
+    if (flow.fragment != fragment_kind::first || flow.recorded) {
+      return ask_all_hooks(skb, f, flow, growth);
+    }
     typename fragments::found added;
     if (!fragments::add(Path::fragment_id(skb, flow), flow.key.sport, flow.key.dport, &added)) {
       return fate::fragments_full;
     }
-    const fate result = ask_hooks(skb, f, flow, packet);
+    const fate result = ask_all_hooks(skb, f, flow, growth);
     if (result != fate::forward) fragments::release(added);
     return result;
+  }
+
+  static fate ask_all_hooks(sk_buff* skb, frame f, const flow_type& flow, u32 growth) {
+    if (!has_hooks(hook_list(Path::ip, VOK_HOOK_IP_POST_ROUTING))) [[likely]]
+      return fate::forward;
+    const fate verdict = run_listed_hooks(skb, frame(f), VOK_HOOK_IP_POST_ROUTING);
+    if (verdict != fate::forward) return verdict;
+    // A hook may have cut the data or moved it.
+    if (skb_headlen(skb) < flow.end) return fate::hook_cut_frame;
+    return skb_headroom(skb) >= growth ? fate::forward : fate::no_headroom;
   }
 
   /// Keeps the connection alive, as tracking would for a packet that it sees. The timer is touched
@@ -190,9 +215,10 @@ class routed_path {
   static void refresh_timeout(nf_conn* ct, u8 protocol) {
     const bool established =
         protocol == wire::ip_protocol::tcp || (read_once(ct->status) & IPS_SEEN_REPLY) != 0;
+    const u32 due = nf_ct_expires(ct);
     const u32 timeout = established ? Path::established_timeout(protocol) : unreplied_udp_timeout;
     const u32 expires = jiffies + timeout;
-    if (expires - nf_ct_expires(ct) >= least_timer_movement) nf_ct_refresh_pending(ct, expires);
+    if (expires - due >= least_timer_movement) nf_ct_refresh_pending(ct, expires);
   }
 };
 

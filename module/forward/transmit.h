@@ -4,8 +4,11 @@
 // unset.
 #pragma once
 
+#include "kernel/fast_path.h"
 #include "kernel/skbuff.h"
+#include "module/core/counters.h"
 #include "module/forward/frame.h"
+#include "module/forward/hooks.h"
 
 namespace tarvelo {
 
@@ -23,12 +26,26 @@ inline void vok_set_mac_and_network_header(sk_buff* skb) {
   skb->network_header = 0;
 }
 
+/// The slow half of vok_xmit_skb().
+[[nodiscard]] int xmit_after_hooks(sk_buff* skb, u8 pf);
+
 /// Marks the buffer as sent by the fast path, runs the transmit hooks and hands it to its device;
 /// softirq context, no lock of the module held. 0 when the buffer is gone; otherwise the driver's
 /// error, and the buffer is still the caller's.
-[[nodiscard]] int vok_xmit_skb(sk_buff* skb, u8 pf);
+[[nodiscard]] inline int vok_xmit_skb(sk_buff* skb, u8 pf) {
+  skb->fast_flags |= fast_flag::sent_fast;
+  if (read_once(g_vok_slow_xmit_enable) != 0) skb->fast_flags |= fast_flag::slow_xmit;
+  if (has_hooks(hook_list(static_cast<family>(pf), VOK_HOOK_XMIT))) [[unlikely]]
+    return xmit_after_hooks(skb, pf);
+  return km_fast_xmit_skb(skb);
+}
 
 /// The same, and frees what the driver refuses together with the connection it carries.
-void send(sk_buff* skb, family pf);
+inline void send(sk_buff* skb, family pf) {
+  if (vok_xmit_skb(skb, static_cast<u8>(pf)) == 0) [[likely]]
+    return;
+  nf_reset(skb);
+  kfree_skb(skb);
+}
 
 }  // namespace tarvelo

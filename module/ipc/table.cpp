@@ -6,11 +6,6 @@
 
 namespace tarvelo {
 
-bool older_than_bridge_entry(const ipc_entry& entry) {
-  return entry.brc != nullptr &&
-         static_cast<s32>(entry.create_time - read_once(entry.brc->add_time)) < 0;
-}
-
 void release_entry(ipc_entry* entry) {
   if (entry->brc != nullptr) put_bridge_entry(entry->brc);
   free_after_grace_period(entry);

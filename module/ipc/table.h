@@ -68,7 +68,10 @@ inline void insert_flow(vok_handle* ci, ipc_entry* entry) {
 
 /// True when the entry's next hop has been learnt anew since the entry was made, so that the entry
 /// may lead to the wrong port; `ipc_lock` held.
-[[nodiscard]] bool older_than_bridge_entry(const ipc_entry& entry);
+[[nodiscard]] inline bool older_than_bridge_entry(const ipc_entry& entry) {
+  return entry.brc != nullptr &&
+         static_cast<s32>(entry.create_time - read_once(entry.brc->add_time)) < 0;
+}
 
 /// Unlinks every entry for which `match(const ipc_entry&)` holds, in one hold of the lock, and
 /// releases them.

@@ -46,7 +46,7 @@ fate check_addresses(const wire::ipv6hdr* ip) {
   return (destination & IPV6_ADDR_LINKLOCAL) == 0 ? fate::forward : fate::link_local;
 }
 
-fate read_flow(const sk_buff* skb, const frame& f, ipv6_flow* flow) {
+fate read_flow(const sk_buff* skb, frame f, ipv6_flow* flow) {
   u32 end = 0;
   if (const fate r = read_bounds(skb, f.l3, &end); r != fate::forward) return r;
   const auto* ip = header_at<const wire::ipv6hdr>(skb, f.l3);

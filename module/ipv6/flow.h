@@ -19,7 +19,7 @@ fate check_addresses(const wire::ipv6hdr* ip);
 
 /// Reads the flow of an IPv6 frame; `fate::forward` when the fast path can serve packets like it. A
 /// last fragment's record is gone afterwards, whatever becomes of the fragment. Softirq context.
-fate read_flow(const sk_buff* skb, const frame& f, ipv6_flow* flow);
+fate read_flow(const sk_buff* skb, frame f, ipv6_flow* flow);
 
 /// The key of the datagram that a fragment, already read, belongs to.
 [[nodiscard]] frag_key_v6 fragment_id_of(const sk_buff* skb, const ipv6_flow& flow);

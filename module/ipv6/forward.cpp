@@ -19,16 +19,14 @@ struct ipv6_path {
   static constexpr u32& sent = ip_v6_packet;
 
   /// What is not for a router is not even counted.
-  static fate admit(const sk_buff* skb, const frame& f) {
+  static fate admit(const sk_buff* skb, frame f) {
     if (skb_headlen(skb) < f.l3 + wire::ipv6_length) return fate::truncated;
     const auto* header = header_at<const wire::ipv6hdr>(skb, f.l3);
     if (const fate r = check_addresses(header); r != fate::forward) return r;
     count_one(ethernet_v6_packet);
     return fate::forward;
   }
-  static fate read(const sk_buff* skb, const frame& f, ipv6_flow* flow) {
-    return read_flow(skb, f, flow);
-  }
+  static fate read(const sk_buff* skb, frame f, ipv6_flow* flow) { return read_flow(skb, f, flow); }
   static frag_key_v6 fragment_id(const sk_buff* skb, const ipv6_flow& flow) {
     return fragment_id_of(skb, flow);
   }

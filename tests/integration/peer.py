@@ -4,6 +4,7 @@
     peer.py serve PORT SEND RECEIVE            waits for one TCP connection, exchanges files
     peer.py connect ADDRESS PORT SEND RECEIVE  makes one, exchanges files
     peer.py listen PORT COUNT                  prints "TTL SOURCE-PORT TEXT" of each UDP datagram
+    peer.py listen6 PORT COUNT                 the same for IPv6, with the hop limit
     peer.py talk ADDRESS PORT COUNT            sends that many UDP datagrams, one after the other
 
 An exchange sends in both directions at once. Each file goes with its length in front, so neither
@@ -42,7 +43,9 @@ def exchange(connection, send_path, receive_path):
 
 
 def serve(port, send_path, receive_path):
-    with socket.create_server(("", int(port))) as server:
+    both = socket.has_dualstack_ipv6()
+    with socket.create_server(("", int(port)), dualstack_ipv6=both,
+                              family=socket.AF_INET6 if both else socket.AF_INET) as server:
         print("ready", flush=True)
         server.settimeout(TIMEOUT)
         connection, _ = server.accept()
@@ -59,20 +62,31 @@ def connect(address, port, send_path, receive_path):
 
 
 def listen(port, count):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as server:
+    print_hops(socket.AF_INET, port, count, (socket.IPPROTO_IP, IP_RECVTTL),
+               (socket.IPPROTO_IP, socket.IP_TTL))
+
+
+def listen6(port, count):
+    print_hops(socket.AF_INET6, port, count, (socket.IPPROTO_IPV6, socket.IPV6_RECVHOPLIMIT),
+               (socket.IPPROTO_IPV6, socket.IPV6_HOPLIMIT))
+
+
+def print_hops(family, port, count, option, wanted):
+    with socket.socket(family, socket.SOCK_DGRAM) as server:
         server.bind(("", int(port)))
-        server.setsockopt(socket.IPPROTO_IP, IP_RECVTTL, 1)
+        server.setsockopt(*option, 1)
         server.settimeout(TIMEOUT)
         print("ready", flush=True)
         for _ in range(int(count)):
             text, ancillary, _, source = server.recvmsg(CHUNK, 256)
             ttl = next(struct.unpack("i", data)[0] for level, kind, data in ancillary
-                       if (level, kind) == (socket.IPPROTO_IP, socket.IP_TTL))
+                       if (level, kind) == wanted)
             print(ttl, source[1], text.decode(), flush=True)
 
 
 def talk(address, port, count):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+    family = socket.AF_INET6 if ":" in address else socket.AF_INET
+    with socket.socket(family, socket.SOCK_DGRAM) as client:
         client.bind(("", 40000))
         for _ in range(int(count)):
             client.sendto(b"the same text every time", (address, int(port)))
@@ -80,4 +94,5 @@ def talk(address, port, count):
 
 
 if __name__ == "__main__":
-    {"serve": serve, "connect": connect, "listen": listen, "talk": talk}[sys.argv[1]](*sys.argv[2:])
+    {"serve": serve, "connect": connect, "listen": listen, "listen6": listen6,
+     "talk": talk}[sys.argv[1]](*sys.argv[2:])

@@ -14,6 +14,7 @@ SKIPPED = 77
 HERE = pathlib.Path(__file__).resolve().parent
 PEER = [sys.executable, "-B", str(HERE / "peer.py")]
 SERVER, PUBLIC = "198.51.100.7", "203.0.113.9"
+SERVER6 = "2001:db8:7::7"
 FILE_BYTES = 16 << 20
 # The most TCP payload in one frame: what a direction needs at least.
 FRAME_BYTES = 1460
@@ -26,18 +27,23 @@ name = "lan0"
 type = "port"
 interface = "{lan}"
 mac = "02:00:00:00:01:01"
-address = ["192.168.1.1/24"]
+address = ["192.168.1.1/24", "2001:db8:1::1/64"]
 
 [[device]]
 name = "wan0"
 type = "port"
 interface = "veth-wan"
 mac = "02:00:00:00:02:01"
-address = ["203.0.113.9/24"]
+address = ["203.0.113.9/24", "2001:db8:2::1/64"]
 
 [[route]]
 to = "0.0.0.0/0"
 via = "203.0.113.1"
+device = "wan0"
+
+[[route]]
+to = "::/0"
+via = "2001:db8:2::fe"
 device = "wan0"
 
 [nat]
@@ -91,7 +97,8 @@ class Router:
                        stderr=subprocess.DEVNULL)
 
     def counters(self):
-        text = (self.vok / "statistics_info").read_text()
+        text = "".join((self.vok / name).read_text()
+                       for name in ("statistics_info", "statistics_forward_ipv6_packet_num"))
         return {name: int(value) for name, value in re.findall(r"(\w+)=(\d+)", text)}
 
     def stop(self):
@@ -142,9 +149,9 @@ def exchange(work, server_host, port, client_host, address, client_port):
     check(digest(down) == digest(down_arrived), "the file from the server arrived changed")
 
 
-def check_slow_path_idle(router):
+def check_slow_path_idle(router, family=""):
     counters = router.counters()
-    fast, seen = counters["ip_packet"], counters["ethernet_packet"]
+    fast, seen = counters[f"ip{family}_packet"], counters[f"ethernet{family}_packet"]
     check(fast >= 2 * FILE_BYTES // FRAME_BYTES, f"too few on the fast path: {counters}")
     check(seen - fast <= SLOW_PACKETS_AT_MOST, f"the slow path was busy: {counters}")
 
@@ -155,6 +162,13 @@ def transfer(command, work):
         check_slow_path_idle(router)
         summary = router.stop()
         check(summary.strip() != "", "no summary")
+
+
+def transfer6(command, work):
+    with Router(command, work) as router:
+        exchange(work, "TARVELO_WAN", 5000, "TARVELO_LAN", SERVER6, 5000)
+        check_slow_path_idle(router, "_v6")
+        router.stop()
 
 
 def slow_transfer(command, work):
@@ -187,6 +201,17 @@ def threshold(command, work):
         router.stop()
 
 
+def threshold6(command, work):
+    with Router(command, work) as router:
+        server = start_server("TARVELO_WAN", "listen6", 6000, 40)
+        finish(start_on("TARVELO_LAN", "talk", SERVER6, 6000, 40))
+        rows = [line.split(" ", 2) for line in finish(server).splitlines()]
+        check([row[0] for row in rows] == ["63"] * 20 + ["64"] * 20, f"hop limits: {rows}")
+        check({row[1] for row in rows} == {"40000"}, f"the source port changed: {rows}")
+        check(router.counters()["ip_v6_packet"] == 20, f"counters: {router.counters()}")
+        router.stop()
+
+
 def unload_under_traffic(command, work):
     with Router(command, work) as router:
         (work / "up").write_bytes(os.urandom(FILE_BYTES))
@@ -215,8 +240,8 @@ def bad_input(command, work):
     check(not os.path.ismount(router.mount), "the control files are still mounted")
 
 
-CASES = {case.__name__: case for case in (transfer, slow_transfer, port_forward, threshold,
-                                          unload_under_traffic, bad_input)}
+CASES = {case.__name__: case for case in (transfer, transfer6, slow_transfer, port_forward,
+                                          threshold, threshold6, unload_under_traffic, bad_input)}
 
 
 def main():
@@ -225,6 +250,9 @@ def main():
         os.close(os.open("/dev/fuse", os.O_RDWR))
     except OSError as reason:
         print(f"skipped: the control files cannot be mounted here ({reason})")
+        return SKIPPED
+    if case.endswith("6") and not os.path.exists("/proc/sys/net/ipv6/conf/all"):
+        print("skipped: there is no IPv6 here")
         return SKIPPED
     with tempfile.TemporaryDirectory() as work:
         CASES[case](command, pathlib.Path(work))

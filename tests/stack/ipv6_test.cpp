@@ -4,7 +4,11 @@
 #include <algorithm>
 
 #include <algorithm>
+#include <cstring>
 
+#include "kernel/fast_path.h"
+#include "kernel/nf_conntrack.h"
+#include "kernel/route.h"
 #include "tests/stack/ipv6_fixture.h"
 #include "tests/support/packet_layer.h"
 
@@ -240,6 +244,62 @@ TEST_F(ipv6_test, fragments_that_never_make_a_datagram_go_no_further) {
   ASSERT_GE(ipv6_payload_of(error).size(), 2U);
   EXPECT_EQ(ipv6_payload_of(error)[0], 3) << "for the datagram whose beginning was there";
   EXPECT_EQ(ipv6_payload_of(error)[1], 1);
+}
+
+/// What the module is told of a forwarded packet.
+struct reported_packet {
+  std::string dev;
+  std::string rx_dev;
+  bool add_as_reply;
+  bool has_route;
+  int info;
+  u8 next_header;
+  u16 source_port;  ///< the first word at the transport header
+};
+std::vector<reported_packet> reported;
+
+void note_report(vok_handle*, sk_buff* skb) {
+  wire::be16 port;
+  std::memcpy(&port, skb_transport_header(skb), sizeof port);
+  const auto* ip = reinterpret_cast<const wire::ipv6hdr*>(skb_network_header(skb));
+  reported.push_back({skb->dev->name, skb->rx_dev->name,
+                      (skb->fast_flags & fast_flag::add_as_reply) != 0, skb_dst(skb) != nullptr,
+                      skb->nfctinfo, ip->nexthdr, port.host()});
+}
+
+TEST_F(ipv6_test, forwarded_packets_are_reported_at_their_input_device) {
+  vok_handle handle{};
+  handle.__ipv6_conntrack_ipc_add = note_report;
+  handle._vok_ipc_delete_by_dev = [](vok_handle*, net_device*) { return 0; };
+  handle._ip_conntrack_ipct_delete = [](vok_handle*, nf_conn*) { return 0; };
+  handle._vok_nf_conntrack_ext_alloc = [](nf_conn*) { return -1; };
+  kcih = &handle;
+  reported.clear();
+  start();
+  const bytes data = datagram(120);
+  const packet link = packet().eth(lan_mac, host_mac);
+  receive("lan0", ipv6_fragment(link, host6, server6, 9, data, {64, 120}, 3));
+  receive("lan0", ipv6_fragment(link, host6, server6, 9, data, {0, 64}, 3));
+  receive("wan0", from_gateway6().udp(53, 4000).payload(8));
+  receive("lan0", from_host6(lan6).udp(4000, 53).payload(8));
+  const u8 body[] = {1};
+  receive("lan0", from_host6().type(icmpv6).raw(icmpv6_message(host6, server6, 128, 0, 1, body)));
+
+  ASSERT_EQ(reported.size(), 2U) << "neither what is for the router nor what the module cannot do";
+  for (const reported_packet& one : reported) {
+    EXPECT_EQ(one.dev, one.rx_dev);
+    EXPECT_FALSE(one.add_as_reply);
+    EXPECT_TRUE(one.has_route);
+    EXPECT_EQ(one.next_header, wire::ip_protocol::udp);
+  }
+  EXPECT_EQ(reported[0].dev, "lan0");
+  EXPECT_EQ(reported[0].info, IP_CT_NEW);
+  EXPECT_EQ(reported[0].source_port, 4000) << "put together, without its fragment header";
+  EXPECT_EQ(reported[1].dev, "wan0");
+  EXPECT_EQ(reported[1].info, IP_CT_ESTABLISHED_REPLY);
+  EXPECT_EQ(reported[1].source_port, 53);
+  router.reset();
+  kcih = nullptr;
 }
 
 TEST_F(ipv6_test, survives_every_truncation) {

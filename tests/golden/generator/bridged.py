@@ -84,6 +84,7 @@ def scenarios():
     yield exchange("bridge-tagged-tagged", 20, 30, priority=PRIORITY)
     yield exchange("bridge-pppoe", 0, 0, in_session)
     yield exchange("bridge-pppoe-tagged-untagged", 20, 0, in_session)
-    yield exchange("bridge-pppoe-tagged-tagged", 20, 30, in_session, priority=PRIORITY)
+    # The priority of a session's frame is its packet's, not its tag's: 0 here.
+    yield exchange("bridge-pppoe-tagged-tagged", 20, 30, in_session)
     yield exchange("bridge-pppoe-ipv6", 0, 30, in_session, family=IPv6)
     yield exchange("bridge-unreported", 20, 30, reorder=False)

@@ -116,6 +116,73 @@ def first_late(family):
     return scenario
 
 
+def in_reverse(family):
+    """All wait for the first one; the last one is sent last whenever it came."""
+    flow = Flow(f"fragments-ipv{family}-reverse", family, "any")
+    received, sent = flow.frames(0x2100, 4)
+    for frame in reversed(received[1:]):
+        flow.scenario.receives("lan0", frame, "slow")
+    flow.scenario.receives("lan0", received[0], "fast-routed")
+    for frame in sent:
+        flow.scenario.sends("wan0", frame)
+    return flow.scenario
+
+
+def first_twice(family):
+    """What the network has doubled is doubled behind the fast path too; the stack puts the datagram
+    together and passes over the repetition."""
+    flow = Flow(f"fragments-ipv{family}-first-twice", family)
+    received, sent = flow.frames(0x2180, 3)
+    _, slowly = flow.frames(0x2180, 3, HOPS - 1)
+    flow.scenario.only_slow_sends("wan0", slowly)
+    for place in (0, 0, 1, 2):
+        flow.passes(received[place], sent[place])
+    return flow.scenario
+
+
+def after_the_last(family):
+    """What cannot work: with the last fragment the fast path forgets the datagram, so what arrives
+    behind it stays in the stack, which misses the rest. The stack alone would send everything."""
+    flow = Flow(f"fragments-ipv{family}-after-last", family)
+    received, sent = flow.frames(0x2200, 3)
+    _, slowly = flow.frames(0x2200, 3, HOPS - 1)
+    flow.scenario.only_slow_sends("wan0", slowly)
+    flow.passes(received[0], sent[0])
+    flow.passes(received[2], sent[2])
+    flow.scenario.receives("lan0", received[1], "slow")
+    return flow.scenario
+
+
+def expired(family):
+    """What cannot work either: the fast path has forgotten the datagram between two fragments."""
+    flow = Flow(f"fragments-ipv{family}-expired", family)
+    received, sent = flow.frames(0x2300, 2)
+    _, slowly = flow.frames(0x2300, 2, HOPS - 1)
+    flow.scenario.only_slow_sends("wan0", slowly)
+    flow.passes(received[0], sent[0])
+    flow.scenario.waits(CACHE_LIFE)
+    flow.scenario.receives("lan0", received[1], "slow")
+    return flow.scenario
+
+
+def cache_full(family):
+    """As many datagrams as the cache has entries are under way; one more goes by the stack."""
+    flow = Flow(f"fragments-ipv{family}-cache-full", family, "any")
+    datagrams = [flow.frames(0x4000 + number, 2) for number in range(CACHE_ENTRIES)]
+    for received, sent in datagrams:
+        flow.passes(received[0], sent[0])
+    received, _ = flow.frames(0x5000, 2)
+    _, slowly = flow.frames(0x5000, 2, HOPS - 1)
+    for frame in received:
+        flow.scenario.receives("lan0", frame, "slow")
+    for frame in slowly:
+        flow.scenario.sends("wan0", frame)
+    for received, sent in datagrams:
+        flow.passes(received[1], sent[1])
+    flow.in_order(0x5001, 2)
+    return flow.scenario
+
+
 def first_missing(family):
     """Nothing is sent of a datagram whose first fragment never comes."""
     flow = Flow(f"fragments-ipv{family}-first-missing", family)
@@ -131,4 +198,10 @@ def scenarios():
     for family in (4, 6):
         yield in_order(family)
         yield first_late(family)
+        yield in_reverse(family)
+        yield first_twice(family)
+        yield after_the_last(family)
+        yield expired(family)
         yield first_missing(family)
+    # Only one family: 64 datagrams of the other's least MTU would be 160 KB of captures.
+    yield cache_full(4)

@@ -7,6 +7,7 @@ router. A scenario becomes a folder:
     router.toml       the configuration
     in-PORT.pcap      what the port receives
     out-PORT.pcap     what the port must send
+    slow-PORT.pcap    the same with the fast path off, where that is not the same
     scenario.json     the verdict on each received frame, and how the slow run may differ
 """
 import json
@@ -49,6 +50,7 @@ class Scenario:
                       if title == "device" and values["type"] in ("port", "rawip")}
         self.inputs = {port: [] for port in self.ports}
         self.outputs = {port: [] for port in self.ports}
+        self.slow_outputs = {}
         self.time = 0.0
 
     def receives(self, port, frame, verdict):
@@ -59,6 +61,11 @@ class Scenario:
 
     def sends(self, port, frame):
         self.outputs[port].append((self.time, bytes(frame)))
+
+    def only_slow_sends(self, port, frames):
+        """From now on the paths send different things."""
+        sent = self.slow_outputs.setdefault(port, list(self.outputs[port]))
+        sent.extend((self.time, bytes(frame)) for frame in frames)
 
     def passes(self, source, frame, verdict, target, result):
         self.receives(source, frame, verdict)
@@ -72,7 +79,8 @@ class Scenario:
         folder.mkdir(parents=True, exist_ok=True)
         (folder / "router.toml").write_text(toml(self.tables, self.nat))
         (folder / "scenario.json").write_text(json.dumps(self.about, indent=1) + "\n")
-        for prefix, captures in (("in", self.inputs), ("out", self.outputs)):
+        for prefix, captures in (("in", self.inputs), ("out", self.outputs),
+                                 ("slow", self.slow_outputs)):
             for port, frames in captures.items():
                 path = folder / f"{prefix}-{port}.pcap"
                 with PcapWriter(str(path), linktype=self.ports[port], endianness="<") as writer:
