@@ -47,7 +47,6 @@ void apply_tag_mode(sk_buff* skb, frame f, const bridge_host& receiver) {
 
 bool find_known_pair(vok_handle* ci, const sk_buff* skb, const frame& f, bridge_pair* pair) {
   const auto* ethernet = header_at<const wire::ethhdr>(skb, 0);
-  if (!may_be_cached(ci, ethernet->h_source)) return false;
   const bool sender_known = f.is_tagged()
                                 ? find_host_in_vlan(ci, ethernet->h_source, f.vid(), &pair->sender)
                                 : find_host(ci, ethernet->h_source, &pair->sender);
