@@ -19,13 +19,13 @@ struct ipc_v6_entry {
   nf_conn* ct;          ///< tracking record; no reference held
   std::uint8_t dmac[6];
   std::uint8_t smac[6];
-  std::uint8_t sip[16];  ///< key
-  std::uint8_t dip[16];  ///< key
-  std::uint16_t sport;   ///< key, network byte order
-  std::uint16_t dport;   ///< key, network byte order
-  std::uint8_t proto;    ///< key: 6 (TCP) or 17 (UDP)
-  std::uint8_t dir;      ///< 0 original, 1 reply
-  std::uint16_t ppp_mtu;  ///< private to the module, as in `ipc_entry`
+  std::uint8_t sip[16];        ///< key
+  std::uint8_t dip[16];        ///< key
+  std::uint16_t sport;         ///< key, network byte order
+  std::uint16_t dport;         ///< key, network byte order
+  std::uint8_t proto;          ///< key: 6 (TCP) or 17 (UDP)
+  std::uint8_t dir;            ///< 0 original, 1 reply
+  std::uint16_t ppp_mtu;       ///< private to the module, as in `ipc_entry`
   net_device* ppp_dev;         ///< PPP interface to account on, or null
   std::uint16_t pppoe_sid;     ///< network byte order; only in entries with a PPPoE side
   std::uint16_t pppoe_sid_in;  ///< network byte order; only when both sides are PPPoE
