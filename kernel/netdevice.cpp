@@ -59,10 +59,7 @@ namespace hosted {
 int start_xmit(sk_buff* skb) noexcept {
   net_device* dev = skb->dev;
   if constexpr (kernel_checked) checked_skb_live(skb, code_place::here());
-  if ((read_once(dev->flags) & IFF_UP) == 0 || dev->netdev_ops == nullptr ||
-      dev->netdev_ops->ndo_start_xmit == nullptr) {
-    return -ENETDOWN;
-  }
+  if ((read_once(dev->flags) & IFF_UP) == 0 || dev->netdev_ops == nullptr) return -ENETDOWN;
   const u32 length = skb->len;
   const int result = dev->netdev_ops->ndo_start_xmit(skb, dev);
   if (result != NETDEV_TX_OK) [[unlikely]]

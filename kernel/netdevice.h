@@ -34,7 +34,7 @@ inline constexpr int NETDEV_TX_OK = 0;
 struct net_device_ops {
   /// Sends a buffer whose data is at the link-layer header (at the IP header on a device without
   /// one). Softirq or process context, no lock of the module held. Takes the buffer when it returns
-  /// NETDEV_TX_OK; otherwise the buffer stays the caller's.
+  /// NETDEV_TX_OK; otherwise the buffer stays the caller's. Never null.
   int (*ndo_start_xmit)(sk_buff* skb, net_device* dev);
 };
 

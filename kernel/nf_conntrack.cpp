@@ -14,9 +14,6 @@ namespace {
 constexpr u32 tcp_established_timeout = 5 * 24 * 3600 * HZ;
 constexpr u32 udp_replied_timeout = 180 * HZ;
 
-constinit u32 tcp_timeout = tcp_established_timeout;
-constinit u32 udp_timeout = udp_replied_timeout;
-
 /// Stands in the checked lock order for all that the end of a connection may take: whoever drops a
 /// reference under a lock that the end takes is found by the first drop, not by the unlucky one.
 constinit char connection_end = 0;
@@ -26,13 +23,11 @@ void free_connection(callback_head* head) {
   kfree(reinterpret_cast<char*>(head) - offsetof(nf_conn, rcu));
 }
 
-u32& established_timeout(u8 protonum) noexcept {
-  return protonum == wire::ip_protocol::tcp ? tcp_timeout : udp_timeout;
-}
-
 }  // namespace
 
 extern "C" {
+
+constinit nf_ct_timeouts nf_ct_init_timeouts = {tcp_established_timeout, udp_replied_timeout};
 
 void (*nf_ct_destroy)(nf_conntrack* nfct) = nullptr;
 
@@ -66,20 +61,13 @@ void nf_conntrack_destroy(nf_conntrack* nfct) noexcept {
   }
 }
 
-u32 nf_ct_expires(const nf_conn* ct) noexcept {
-  return read_once(ct->timeout.expires);
-}
-
 void nf_ct_refresh_pending(nf_conn* ct, u32 expires) noexcept {
   mod_timer_pending(&ct->timeout, expires);
 }
 
-u32 nf_ct_established_timeout(u8 protonum) noexcept {
-  return read_once(established_timeout(protonum));
-}
-
 void nf_ct_set_established_timeout(u8 protonum, u32 timeout) noexcept {
-  write_once(established_timeout(protonum), timeout);
+  const bool tcp = protonum == wire::ip_protocol::tcp;
+  write_once(tcp ? nf_ct_init_timeouts.tcp : nf_ct_init_timeouts.udp, timeout);
 }
 
 u8 nf_ct_tcp_state(const nf_conn* ct) noexcept {

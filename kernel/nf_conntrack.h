@@ -116,6 +116,12 @@ struct nf_conn {
   callback_head rcu;
 };
 
+/// Time-outs of connections that both ends have been heard of, in jiffies; read_once().
+struct nf_ct_timeouts {
+  u32 tcp;
+  u32 udp;
+};
+
 extern "C" {
 /// A record with one reference, all else 0; null without memory. Any context.
 [[nodiscard]] nf_conn* nf_conntrack_alloc() noexcept;
@@ -134,16 +140,25 @@ extern void (*nf_ct_destroy)(nf_conntrack* nfct);
 
 /// What may differ between kernels is reached by functions.
 ///@{
-/// Jiffies at which the connection's timer expires.
-[[nodiscard]] u32 nf_ct_expires(const nf_conn* ct) noexcept;
 /// Moves the expiry of a timer that is still pending; never revives one.
 void nf_ct_refresh_pending(nf_conn* ct, u32 expires) noexcept;
-/// The initial namespace's time-out of established TCP or replied UDP, in jiffies.
-[[nodiscard]] u32 nf_ct_established_timeout(u8 protonum) noexcept;
+/// What nf_ct_established_timeout() reads.
+extern nf_ct_timeouts nf_ct_init_timeouts;
 void nf_ct_set_established_timeout(u8 protonum, u32 timeout) noexcept;
 [[nodiscard]] u8 nf_ct_tcp_state(const nf_conn* ct) noexcept;
 [[nodiscard]] bool nf_ct_has_helper(const nf_conn* ct) noexcept;
 ///@}
+}
+
+/// Jiffies at which the connection's timer expires.
+[[nodiscard]] inline u32 nf_ct_expires(const nf_conn* ct) noexcept {
+  return read_once(ct->timeout.expires);
+}
+
+/// The initial namespace's time-out of established TCP or replied UDP, in jiffies.
+[[nodiscard]] inline u32 nf_ct_established_timeout(u8 protonum) noexcept {
+  constexpr u8 tcp = 6;
+  return read_once(protonum == tcp ? nf_ct_init_timeouts.tcp : nf_ct_init_timeouts.udp);
 }
 
 [[nodiscard]] inline nf_conn* nf_ct_of(nf_conntrack* nfct) noexcept {

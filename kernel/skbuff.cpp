@@ -128,7 +128,7 @@ sk_buff* hosted_alloc_skb(u32 size) noexcept {
 void hosted_kfree_skb(sk_buff* skb, const code_place* at) noexcept {
   if (skb == nullptr) return;
   if (!can_keep_at_once(skb)) [[unlikely]]
-    return free_slowly(skb, *at);
+    return free_slowly(skb, at != nullptr ? *at : code_place{});
   nf_conntrack* nfct = skb->nfct;
   keep_block(skb);
   hosted::account::gone(kind::buffer);

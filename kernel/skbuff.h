@@ -52,6 +52,7 @@ struct sk_buff {
 
 extern "C" {
 [[nodiscard]] sk_buff* hosted_alloc_skb(u32 size) noexcept;
+/// `at` is null in builds that do not check.
 void hosted_kfree_skb(sk_buff* skb, const code_place* at) noexcept;
 /// A copy with the same headroom, at least `tailroom` bytes of tailroom and the same device,
 /// offsets, protocol and priority, but no connection, route or fast_flags; null without memory.
@@ -72,7 +73,7 @@ void checked_skb_live(const sk_buff* skb, code_place at) noexcept;
 
 /// Null is allowed.
 inline void kfree_skb(sk_buff* skb, code_place at = code_place::here()) noexcept {
-  hosted_kfree_skb(skb, &at);
+  hosted_kfree_skb(skb, kernel_checked ? &at : nullptr);
 }
 
 [[nodiscard]] inline u32 skb_headroom(const sk_buff* skb) noexcept {

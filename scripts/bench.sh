@@ -15,10 +15,13 @@ bench=build/release/bin/tarvelo-bench
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# instructions SUBJECT CONNECTIONS PACKETS: prints the instructions a packet.
+# instructions SUBJECT CONNECTIONS PACKETS: prints the instructions a packet. For "forward" those of
+# the module's operation and all that it calls, for the others the benchmark's loop around them too.
 instructions() {
+  collected='tarvelo::bench::measured_batch*'
+  [ "$1" != forward ] || collected='tarvelo::_vok_forward(*'
   if ! valgrind --tool=callgrind --callgrind-out-file="$work/out" \
-      --toggle-collect='tarvelo::bench::measured_batch*' \
+      --toggle-collect="$collected" \
       "$bench" --count "$1" "$2" "$3" >"$work/log" 2>&1; then
     cat "$work/log" >&2
     exit 1

@@ -18,7 +18,8 @@ namespace tarvelo::stack {
 
 /// Sends copies by all forwarding ports but `from`; the buffer stays the caller's. True when at
 /// least one has gone out.
-[[nodiscard]] bool bridge_flood(const sk_buff* skb, const net_bridge* br, const net_bridge_port* from);
+[[nodiscard]] bool bridge_flood(const sk_buff* skb, const net_bridge* br,
+                                const net_bridge_port* from);
 
 /// Transmit function of bridge devices; their `priv` is the net_bridge.
 [[nodiscard]] const net_device_ops* bridge_device_ops() noexcept;

@@ -376,7 +376,8 @@ TEST_F(ipv6_routed, asks_the_hooks_of_its_family) {
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.point << " " << row.verdict);
     hook_record = {row.verdict, 0, 0};
-    vok_hook_ops ops = {{}, record_call, nullptr, hook_family, static_cast<u8>(row.point), 0, "tester"};
+    vok_hook_ops ops = {{}, record_call, nullptr, hook_family, static_cast<u8>(row.point),
+                        0,  "tester"};
     ASSERT_EQ(kcih->_vok_register_hook(kcih, &ops), 0);
     EXPECT_EQ(offer(segment().build(), lan), row.result);
     EXPECT_EQ(hook_record.calls, 1);
