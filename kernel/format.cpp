@@ -71,7 +71,7 @@ const char* parse_number(const char* f, va_list* args, int* number) noexcept {
 
 const char* parse_length(const char* f, length_modifier* length) noexcept {
   *length = length_modifier::none;
-  const bool twice = f[0] == f[1];
+  const bool twice = f[0] != '\0' && f[0] == f[1];
   switch (*f) {
     case 'h':
       *length = twice ? length_modifier::character : length_modifier::half;

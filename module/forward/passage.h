@@ -42,14 +42,16 @@ struct passage {
   [[nodiscard]] bool has(u32 any_of) const { return (flags & any_of) != 0; }
 };
 
-/// `Entry` is an entry of one of the two tables; its connection has an extension record.
+/// `Entry` is an entry of one of the two tables; its connection has an extension record. The
+/// session ids are read once, behind their tests: the short forms of an entry end before them, and
+/// a plain load could be moved ahead.
 template <typename Entry>
 [[nodiscard]] inline passage passage_of(const Entry& entry) {
   passage way = {entry.flags,   entry.dir,         0,       0,          entry.ppp_mtu, entry.sendif,
                  entry.ppp_dev, entry.ct->vok_ext, nullptr, entry.dmac, entry.smac};
   if constexpr (requires { entry.session; }) way.session = entry.session;
-  if (way.has(ipc_mode::any_pppoe)) way.pppoe_sid = entry.pppoe_sid;
-  if (way.has(ipc_flag::pppoe_in_out)) way.pppoe_sid_in = entry.pppoe_sid_in;
+  if (way.has(ipc_mode::any_pppoe)) way.pppoe_sid = read_once(entry.pppoe_sid);
+  if (way.has(ipc_flag::pppoe_in_out)) way.pppoe_sid_in = read_once(entry.pppoe_sid_in);
   return way;
 }
 

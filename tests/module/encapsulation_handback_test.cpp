@@ -178,6 +178,7 @@ TEST_F(too_big, in_headroom) {
     vlan_gateway_.reset();
     vlan_.reset();
     ct->vok_ext->flags &= ~ct_ext_flag::direction_marks;
+    ct->vok_ext->dev = nullptr;  // no record names a device that has gone
     set_up(row.in, row.out, row.vlan_out);
     connect();
     if (row.needed > 0) {
