@@ -135,8 +135,6 @@ TEST_F(handback, by_the_state_of_the_connection) {
       {"double nat", [](nf_conn*, vok_ct_ext* e) { e->double_nat = 1; }, fate::double_nat},
       {"nineteen reports", [](nf_conn*, vok_ct_ext* e) { e->add_calls = 19; }, fate::not_ripe},
       {"no record", [](nf_conn* c, vok_ct_ext*) { c->vok_ext = nullptr; }, fate::no_record},
-      {"expects pppoe", [](nf_conn*, vok_ct_ext*) { entry()->flags |= ipc_flag::pppoe_in; },
-       fate::encapsulation},
       {"expects a tunnel", [](nf_conn*, vok_ct_ext*) { entry()->flags |= ipc_flag::l2tp_in; },
        fate::encapsulation},
       {"orphaned", [](nf_conn*, vok_ct_ext*) { entry()->flags |= ipc_flag::orphaned; },
