@@ -316,8 +316,6 @@ TEST_F(ipv6_routed, hands_back_by_the_state_of_the_connection) {
       {"not confirmed", [](nf_conn* c) { c->status = IPS_SEEN_REPLY; }, fate::connection_gone},
       {"dying", [](nf_conn* c) { c->status |= IPS_DYING; }, fate::connection_gone},
       {"no record", [](nf_conn* c) { c->vok_ext = nullptr; }, fate::no_record},
-      {"expects pppoe", [](nf_conn*) { find6(tcp, inside6, peer6)->flags = ipc_flag::pppoe_in; },
-       fate::encapsulation},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
