@@ -117,9 +117,6 @@ TEST_F(ipv6_fragments_test, are_not_recorded_when_the_first_goes_back) {
   ct->vok_ext->add_calls = 1;
   EXPECT_EQ(offer_fragment(1, 0), fate::not_ripe);
   ct->vok_ext->add_calls = ripe;
-  find6(udp, inside6, peer6)->flags = ipc_flag::pppoe_out;
-  EXPECT_EQ(offer_fragment(1, 0), fate::fragment);
-  find6(udp, inside6, peer6)->flags = 0;
 
   vok_hook_ops ops = {{}, divert, nullptr, 10, VOK_HOOK_IP_POST_ROUTING, 0, "tester"};
   ASSERT_EQ(kcih->_vok_register_hook(kcih, &ops), 0);
