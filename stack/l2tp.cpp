@@ -95,7 +95,7 @@ const ppp_session* find_l2tp_session(const sk_buff* skb) noexcept {
 
 receive_verdict input_l2tp(sk_buff* skb, const ppp_session& session) {
   const l2tp_datagram datagram = read_datagram(skb);
-  if (!datagram_is_sound(skb, datagram)) return discard(skb);
+  if (datagram.first_word == nullptr || !datagram_is_sound(skb, datagram)) return discard(skb);
   if (!message_is_sound(skb, datagram)) return discard(skb);
   if ((datagram.flags() & wire::l2tp_flag::sequence) != 0) {
     l2tp_session_count_nr(session.l2tp().l2tp_session);
