@@ -43,6 +43,7 @@ std::vector<const device_config*> build_order(const std::vector<device_config>& 
   std::vector<const device_config*> order;
   std::vector<const device_config*> waiting;
   name_set built;
+  waiting.reserve(devices.size());
   for (const device_config& device : devices)
     waiting.push_back(&device);
   while (!waiting.empty()) {

@@ -58,7 +58,8 @@ neigh_table* table_of(const ip_address& address) noexcept {
 }
 
 const void* key_of(const ip_address& address) noexcept {
-  return std::visit([](const auto& value) -> const void* { return &value; }, address);
+  if (const u32* ipv4 = std::get_if<u32>(&address); ipv4 != nullptr) return ipv4;
+  return std::get_if<wire::in6_addr>(&address);
 }
 
 /// Finds or makes an entry and readies a new one's timer; null and counted when there is no room.
