@@ -243,6 +243,10 @@ track_verdict connection_tracker::pre_routing(sk_buff* skb) {
   return track_verdict::accept;
 }
 
+void connection_tracker::lost_before_tracking(const sk_buff* skb) {
+  state_->give_up_fast_path(examine_packet(skb));
+}
+
 track_verdict connection_tracker::local_in(sk_buff* skb) {
   if (skb->nfct == nullptr || is_related(skb)) return track_verdict::accept;
   nf_conn* ct = nf_ct_of(skb->nfct);

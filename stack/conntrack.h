@@ -61,6 +61,11 @@ class connection_tracker {
   /// module at the pre-routing hook when this is the hook that translates it. May attach a route.
   [[nodiscard]] track_verdict pre_routing(sk_buff* skb);
 
+  /// A packet is dropped before pre_routing() because its header cannot be trusted. The module,
+  /// which leaves the header's checksum to the receiver, may have taken it for the end of its
+  /// connection; that goes on, and is added anew.
+  void lost_before_tracking(const sk_buff* skb);
+
   /// A packet is for the router itself.
   [[nodiscard]] track_verdict local_in(sk_buff* skb);
 

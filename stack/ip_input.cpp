@@ -14,7 +14,7 @@ namespace tarvelo::stack {
 namespace {
 
 /// The header's own claims against what is there (RFC 1812, 5.2.2). Cuts the buffer to the packet.
-bool header_is_sound(sk_buff* skb) noexcept {
+bool lengths_are_sound(sk_buff* skb) noexcept {
   if (skb_headlen(skb) < wire::ipv4_min_length) return false;
   const auto* ip = reinterpret_cast<const wire::iphdr*>(skb->data);
   if (ip->version() != 4) return false;
@@ -22,7 +22,6 @@ bool header_is_sound(sk_buff* skb) noexcept {
   if (header_length < wire::ipv4_min_length || header_length > skb_headlen(skb)) return false;
   const u32 length = ip->tot_len.host();
   if (length < header_length || length > skb->len) return false;
-  if (!checksum_holds(ip, header_length)) return false;
   skb_trim(skb, length);
   return true;
 }
@@ -57,8 +56,12 @@ receive_verdict route_packet(sk_buff* skb) {
 }  // namespace
 
 receive_verdict input_ip_packet(sk_buff* skb) {
-  if (!header_is_sound(skb)) return discard(skb);
+  if (!lengths_are_sound(skb)) return discard(skb);
   mark_ip_packet(skb);
+  if (const wire::iphdr* ip = ip_header(skb); !checksum_holds(ip, ip->header_length())) {
+    if (!is_fragment(ip)) core().tracker->lost_before_tracking(skb);
+    return discard(skb);
+  }
   if (!addresses_are_sound(ip_header(skb))) return discard(skb);
 
   if (is_fragment(ip_header(skb))) {

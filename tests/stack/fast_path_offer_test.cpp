@@ -182,6 +182,25 @@ TEST_F(fast_path_offer_test, connections_leave_the_fast_path_when_their_next_hop
   EXPECT_EQ(seen.taken_off, 1U);
 }
 
+// The module does not look at the header's checksum, and takes a FIN in such a packet for the end.
+TEST_F(fast_path_offer_test,
+       an_end_with_a_broken_ip_header_takes_its_connection_off_the_fast_path) {
+  const packet fin = from_host().tcp(4000, 80).flags(wire::tcp_flag::fin | wire::tcp_flag::ack);
+  EXPECT_EQ(receive("lan0", packet(fin).flags(wire::tcp_flag::syn)), receive_verdict::slow);
+  const struct {
+    packet broken;
+    u32 taken_off;
+  } rows[] = {{from_host().ip_checksum(1).tcp(4000, 80).flags(wire::tcp_flag::ack), 0},
+              {from_host().ip_checksum(1).tcp(4001, 80).flags(wire::tcp_flag::rst), 0},
+              {from_host().ip_checksum(1).fragment(0, true).tcp(4000, 80), 0},
+              {from_host().ip_checksum(1).tcp(4000, 80).flags(wire::tcp_flag::rst), 1}};
+  for (const auto& row : rows) {
+    seen.taken_off = 0;
+    EXPECT_EQ(receive("lan0", row.broken), receive_verdict::dropped);
+    EXPECT_EQ(seen.taken_off, row.taken_off);
+  }
+}
+
 /// A module whose handle is the fixture's.
 class module_life_test : public fast_path_offer_test {
  protected:
