@@ -12,12 +12,12 @@
 namespace tarvelo::test {
 namespace {
 
-class allocation_faults : public kernel_test {
+class allocation_faults : public kernel_test, public testing::WithParamInterface<const char*> {
  protected:
   struct deed;
 
   /// One life in which the n-th allocation of one deed fails; false when that deed has made fewer.
-  bool live(const conversation& talk, const deed* faulty, u32 n);
+  bool live(const deed* faulty, u32 n);
 
   void build(life& one) {
     try {
@@ -27,7 +27,7 @@ class allocation_faults : public kernel_test {
       refused_ = true;
     }
   }
-  void load(life& one) { EXPECT_TRUE(one.load() || fault::fired()); }
+  void load(life& one);
   void unload(life& one) { one.unload(); }
   void traffic(life& one);
   void read_files(life&);
@@ -37,27 +37,44 @@ class allocation_faults : public kernel_test {
   struct deed {
     const char* what;
     void (allocation_faults::*act)(life&);
-    bool is_traffic;
+    enum : u8 {
+      other,
+      traffic,
+      load
+    } kind;
   };
   static constexpr deed deeds[] = {
-      {"building the router", &allocation_faults::build, false},
-      {"loading", &allocation_faults::load, false},
-      {"traffic", &allocation_faults::traffic, true},
-      {"reading control files", &allocation_faults::read_files, false},
-      {"writing control files", &allocation_faults::write_files, false},
-      {"links going down and coming up", &allocation_faults::links, false},
-      {"traffic after that", &allocation_faults::traffic, true},
-      {"unloading", &allocation_faults::unload, false},
-      {"traffic without the module", &allocation_faults::traffic, true},
-      {"loading again", &allocation_faults::load, false},
-      {"traffic in the end", &allocation_faults::traffic, true},
+      {"building the router", &allocation_faults::build, deed::other},
+      {"loading", &allocation_faults::load, deed::load},
+      {"traffic", &allocation_faults::traffic, deed::traffic},
+      {"reading control files", &allocation_faults::read_files, deed::other},
+      {"writing control files", &allocation_faults::write_files, deed::other},
+      {"links going down and coming up", &allocation_faults::links, deed::other},
+      {"traffic after that", &allocation_faults::traffic, deed::traffic},
+      {"unloading", &allocation_faults::unload, deed::other},
+      {"traffic without the module", &allocation_faults::traffic, deed::traffic},
+      {"loading again", &allocation_faults::load, deed::load},
+      {"traffic in the end", &allocation_faults::traffic, deed::traffic},
   };
 
+  const conversation talk_ = read_conversation(GetParam());
   bool refused_ = false;
-  int tolerated_ = 0;  ///< frames that may be missing though one is sent again
+  /// A load that allocates hundreds of times is tried with each of them failing, one after the
+  /// other in one life.
+  bool loads_fail_ = false;
   /// What each deed has sent in a life without a fault.
   std::map<const deed*, sent_frames> expected_;
 };
+
+void allocation_faults::load(life& one) {
+  for (u32 n = 1; loads_fail_; ++n) {
+    fault::fail_allocation(n);
+    const bool loaded = one.load();
+    if (!fault::fired()) return;
+    if (loaded) one.unload();  // without one of its control files
+  }
+  EXPECT_TRUE(one.load());
+}
 
 void allocation_faults::traffic(life& one) {
   bool fired = false;
@@ -117,14 +134,14 @@ void allocation_faults::links(life& one) {
     one.router().set_link(dev, true);
 }
 
-bool allocation_faults::live(const conversation& talk, const deed* faulty, u32 n) {
-  life one(talk);
+bool allocation_faults::live(const deed* faulty, u32 n) {
+  life one(talk_);
   refused_ = false;
   bool fired = false;
   u64 fast = 0;
   for (const deed& now : deeds) {
     SCOPED_TRACE(now.what);
-    if (now.is_traffic) one.prepare_traffic();
+    if (now.kind == deed::traffic) one.prepare_traffic();
     fault::fail_allocation(&now == faulty ? n : 0);
     (this->*now.act)(one);
     fired = fired || fault::fired();
@@ -136,35 +153,31 @@ bool allocation_faults::live(const conversation& talk, const deed* faulty, u32 n
       break;
     }
     const sent_frames sent = one.take_sent();
-    if (faulty == nullptr) {
-      expected_[&now] = sent;
-      fast = std::max(fast, one.router().statistics().fast);
-    } else {
-      EXPECT_LE(missing_from(sent, expected_[&now]), &now == faulty ? tolerated_ : 0);
-    }
+    const sent_frames& expected = expected_.try_emplace(&now, sent).first->second;
+    EXPECT_LE(missing_from(sent, expected), &now == faulty ? reassembled_frames(GetParam()) : 0);
+    fast = std::max(fast, one.router().statistics().fast);
   }
-  EXPECT_EQ(fast > 0, faulty == nullptr);
+  EXPECT_EQ(fast > 0, !refused_);
   EXPECT_EQ(refused_, fired && faulty == deeds);
   static_cast<void>(log.take());
   return fired;
 }
 
-class allocation_faults_in : public allocation_faults,
-                             public testing::WithParamInterface<const char*> {};
-
-TEST_P(allocation_faults_in, leave_nothing_but_a_frame_to_send_again) {
-  const conversation talk = read_conversation(GetParam());
-  tolerated_ = reassembled_frames(GetParam());
-  live(talk, nullptr, 0);
+TEST_P(allocation_faults, leave_nothing_but_a_frame_to_send_again) {
+  live(nullptr, 0);
+  loads_fail_ = true;
+  live(nullptr, 0);
+  loads_fail_ = false;
   for (const deed& faulty : deeds) {
-    for (u32 n = 1; live(talk, &faulty, n); ++n) {
+    if (faulty.kind == deed::load) continue;
+    for (u32 n = 1; live(&faulty, n); ++n) {
       if (!HasFailure()) continue;
       FAIL() << "allocation " << n << " of " << faulty.what;
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(talks, allocation_faults_in, testing::ValuesIn(conversations),
+INSTANTIATE_TEST_SUITE_P(talks, allocation_faults, testing::ValuesIn(conversations),
                          [](const auto& row) { return test_name(row.param); });
 
 }  // namespace

@@ -155,28 +155,6 @@ TEST_F(bridge_report_test, what_finds_no_room_is_flooded_and_not_learnt) {
   EXPECT_EQ(ports_sent_on(), names{"lan0"});
 }
 
-TEST_F(bridge_report_test, is_built_whole_or_not_at_all) {
-  router.reset();
-  for (u32 n = 1;; ++n) {
-    SCOPED_TRACE(n);
-    const fault::outstanding before = fault::now();
-    fault::fail_allocation(n);
-    bool built = true;
-    try {
-      start();
-    } catch (const stack::setup_error&) {
-      built = false;
-    }
-    const bool failed = fault::fired();
-    fault::fail_allocation(0);
-    router.reset();
-    rcu_barrier();
-    ASSERT_EQ(fault::now(), before);
-    ASSERT_EQ(built, !failed);
-    if (!failed) return;
-  }
-}
-
 TEST_F(bridge_report_test, loops_and_frames_for_no_one_are_dropped) {
   announce(1, lan0);
   const auto from_to = [](std::string_view from, std::string_view to) {

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // A router is built whole or not at all, and takes links going up and down.
-#include "kernel/fault.h"
 #include "kernel/route.h"
 #include "tests/stack/router_fixture.h"
 
@@ -74,25 +73,6 @@ TEST_F(router_setup_test, refuses_what_cannot_be_built_and_names_the_device) {
   }
   config = three_device_config();
   EXPECT_EQ(refusal(), "") << "nothing of the refused ones is left";
-}
-
-TEST_F(router_setup_test, survives_the_failure_of_each_allocation) {
-  for (u32 n = 1;; ++n) {
-    SCOPED_TRACE(n);
-    const fault::outstanding before = fault::now();
-    fault::fail_allocation(n);
-    const std::string said = refusal();
-    const bool failed = fault::fired();
-    fault::fail_allocation(0);
-    rcu_barrier();
-    ASSERT_EQ(fault::now(), before) << said;
-    if (!failed) {
-      EXPECT_EQ(said, "");
-      EXPECT_GT(n, 10U);
-      return;
-    }
-    EXPECT_NE(said, "");
-  }
 }
 
 TEST_F(router_setup_test, several_addresses_in_one_subnet_share_its_route) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// Routers with PPP interfaces that cannot be built, and building without memory.
+// Routers with PPP interfaces that cannot be built.
 #include "tests/stack/tunnel_fixture.h"
 
 namespace tarvelo::test {
@@ -55,29 +55,6 @@ TEST_F(tunnel_setup_test, refuses_by_name_what_cannot_work) {
   for (const auto& row : rows) {
     config = row.bad;
     EXPECT_EQ(refusal(), row.text);
-  }
-}
-
-TEST_F(tunnel_setup_test, survives_the_failure_of_each_allocation) {
-  config = uplink_config(line_kind::pppoe_on_vlan, l2tp);
-  stack::device_config call = uplink_config(line_kind::pppoe, pptp).devices.back();
-  call.name = "ppp2";
-  config.devices.push_back(call);
-  for (u32 n = 1;; ++n) {
-    SCOPED_TRACE(n);
-    const fault::outstanding before = fault::now();
-    fault::fail_allocation(n);
-    const std::string said = refusal();
-    const bool failed = fault::fired();
-    fault::fail_allocation(0);
-    rcu_barrier();
-    ASSERT_EQ(fault::now(), before) << said;
-    if (!failed) {
-      EXPECT_EQ(said, "");
-      EXPECT_GT(n, 20U);
-      return;
-    }
-    EXPECT_NE(said, "");
   }
 }
 
