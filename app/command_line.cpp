@@ -29,6 +29,25 @@ int report(int status, const std::string& what) {
   return status;
 }
 
+/// What is wrong with the arguments, and the cure.
+std::string explain(const CLI::App& parser, const CLI::ParseError& error) {
+  const std::vector<std::string> strays = parser.remaining();
+  const bool has_command = !parser.get_subcommands().empty();
+  if (has_command && !strays.empty()) {
+    return fmt::format("{}: no option before the subcommand; write it after", strays.front());
+  }
+  if (has_command || error.get_name() != "RequiredError") {
+    return fmt::format("{}; see tarvelo --help", error.what());
+  }
+  std::string known;
+  for (const CLI::App* command : parser.get_subcommands([](const CLI::App*) { return true; })) {
+    known += " " + command->get_name();
+  }
+  const std::string wrong =
+      strays.empty() ? "no subcommand" : strays.front() + ": no such subcommand";
+  return fmt::format("{}; write one of{}, or see tarvelo --help", wrong, known);
+}
+
 int check(const std::string& file) {
   const app_config config = load_config(file);
   fmt::print("{}: good: {} devices, {} routes\n", file, config.router.devices.size(),
@@ -98,7 +117,7 @@ int run_command(int argc, const char* const* argv) {
   } catch (const CLI::ParseError& error) {
     const bool asked_for_text = error.get_exit_code() == 0;
     if (asked_for_text) return parser.exit(error);
-    return report(exit_status::bad_input, fmt::format("{}; see tarvelo --help", error.what()));
+    return report(exit_status::bad_input, explain(parser, error));
   }
   try {
     if (check_it->parsed()) return check(config_to_check);

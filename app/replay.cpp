@@ -10,6 +10,7 @@
 #include "app/config.h"
 #include "app/control_files.h"
 #include "app/device_statistics.h"
+#include "app/held_log.h"
 #include "app/output_directory.h"
 #include "app/replay_session.h"
 #include "ports/capture_file.h"
@@ -111,11 +112,13 @@ int replay(const replay_options& options) try {
 
   output_directory out(options.out);
   std::string statistics;
+  held_log log;
   {
     replay_session session(config, inputs, out);
     session.load_module(options.module);
     for (const assignment& setting : settings)
       apply(setting);
+    log.release();
     session.feed();
     for (const control_file& file : read_control_files()) {
       out.write(fmt::format("{}/{}", control_directory, file.name), file.text);

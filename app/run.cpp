@@ -16,6 +16,7 @@
 #include "app/config.h"
 #include "app/control_mount.h"
 #include "app/device_statistics.h"
+#include "app/held_log.h"
 #include "app/port_set.h"
 #include "app/router_host.h"
 #include "app/timer_thread.h"
@@ -86,13 +87,15 @@ std::unique_ptr<control_mount> make_mount(const app_config& config, unsigned pro
 }
 
 /// The threads and the mount, for as long as they run.
-void serve(const app_config& config, const stop_signals& stop, port_set& ports, router_host& host) {
+void serve(const app_config& config, const stop_signals& stop, port_set& ports, router_host& host,
+           held_log& log) {
   const unsigned workers = worker_count(ports.size());
   const unsigned clock_processor = workers;
   const unsigned mount_processor = workers + 1;
   hosted::set_processor(workers + 2);
 
   const auto mount = make_mount(config, mount_processor);
+  log.release();
   const timer_thread clock(clock_processor, ports);
   std::vector<std::unique_ptr<worker>> threads;
   for (unsigned i = 0; i < workers; ++i) {
@@ -113,12 +116,13 @@ int run(const run_options& options) {
   const stop_signals stop;
   kernel_clock::start_at(0);
   std::string last;
+  held_log log;
   {
     port_set ports(config);
     router_host host(config);
     ports.attach(host.router());
     host.load_module(options.module);
-    serve(config, stop, ports, host);
+    serve(config, stop, ports, host, log);
     last = summary(host.router().statistics(), ports.transmit_errors()) + "\n" +
            device_statistics_text(config.router, host.router());
     host.unload_module();

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include "ports/capture_file.h"
 
@@ -25,12 +24,8 @@ std::string read_file(const std::filesystem::path& file) {
 
 std::string command_result::complaint() const {
   constexpr std::string_view name = "tarvelo: ";
-  std::istringstream lines(err);
-  std::string found;
-  for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(name)) found += (found.empty() ? "" : "\n") + line.substr(name.size());
-  }
-  return found;
+  const bool is_one_line = err.starts_with(name) && err.find('\n') == err.size() - 1;
+  return is_one_line ? err.substr(name.size(), err.size() - name.size() - 1) : err;
 }
 
 command_test::command_test() {

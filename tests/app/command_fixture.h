@@ -22,7 +22,8 @@ struct command_result {
   std::string out;
   std::string err;
 
-  /// The line of its own on standard error, without the program's name: the kernel log left out.
+  /// The one line on standard error without the program's name; all that is there when it is not
+  /// one line of the program's.
   [[nodiscard]] std::string complaint() const;
 };
 

@@ -54,8 +54,10 @@ TEST_F(command_test, bad_input_is_one_line_and_leaves_nothing_behind) {
 
   const std::string replay = "replay --config @/home.toml --out @/out ";
   const complaint_row rows[] = {
-      {"", "A subcommand is required; see tarvelo --help"},
-      {"fly", "A subcommand is required; see tarvelo --help"},
+      {"", "no subcommand; write one of run replay check, or see tarvelo --help"},
+      {"fly --config @/home.toml",
+       "fly: no such subcommand; write one of run replay check, or see tarvelo --help"},
+      {"--config @/home.toml check", "--config: no option before the subcommand; write it after"},
       {"check", "--config is required; see tarvelo --help"},
       {"check --config @/home.toml --fast",
        "The following argument was not expected: --fast; see tarvelo --help"},
