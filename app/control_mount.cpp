@@ -152,6 +152,9 @@ std::string why_missing() {
 
 struct control_mount::state {
   explicit state(const std::string& path) : point(path) {}
+  ~state();
+  state(const state&) = delete;
+  state& operator=(const state&) = delete;
 
   [[nodiscard]] bool mount();
   void serve(unsigned processor);
@@ -164,9 +167,20 @@ struct control_mount::state {
   std::thread thread;
 };
 
+control_mount::state::~state() {
+  if (handle == nullptr) return;
+  fuse_unmount(handle);
+  fuse_destroy(handle);
+}
+
 bool control_mount::state::mount() {
   reason = why_missing();
   if (!reason.empty()) return false;
+  stop = ports::owned_fd{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  if (!stop) {
+    reason = std::strerror(errno);
+    return false;
+  }
   // Only root may let others in without the host's leave.
   const std::string options = geteuid() == 0 ? "default_permissions,fsname=tarvelo,allow_other"
                                              : "default_permissions,fsname=tarvelo";
@@ -185,7 +199,6 @@ bool control_mount::state::mount() {
     reason = last_message.empty() ? "cannot be mounted" : last_message;
     return false;
   }
-  stop = ports::owned_fd{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   return true;
 }
 
@@ -214,11 +227,9 @@ control_mount::control_mount(const std::string& path, unsigned processor)
 }
 
 control_mount::~control_mount() {
-  if (state_->handle == nullptr) return;
+  if (!state_->thread.joinable()) return;
   (void)eventfd_write(state_->stop.get(), 1);
   state_->thread.join();
-  fuse_unmount(state_->handle);
-  fuse_destroy(state_->handle);
 }
 
 bool control_mount::available() const noexcept {

@@ -20,7 +20,7 @@ class held_log {
   held_log(const held_log&) = delete;
   held_log& operator=(const held_log&) = delete;
 
-  /// The set-up has succeeded. No thread that logs has been started yet.
+  /// The set-up has succeeded.
   void release();
 
  private:

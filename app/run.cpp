@@ -95,12 +95,12 @@ void serve(const app_config& config, const stop_signals& stop, port_set& ports, 
   hosted::set_processor(workers + 2);
 
   const auto mount = make_mount(config, mount_processor);
-  log.release();
   const timer_thread clock(clock_processor, ports);
   std::vector<std::unique_ptr<worker>> threads;
   for (unsigned i = 0; i < workers; ++i) {
     threads.push_back(std::make_unique<worker>(i, host.router(), ports.share(i, workers), ports));
   }
+  log.release();
   if (mount->available()) {
     fmt::print(stderr, "tarvelo: running; control files in {}\n", config.control.mount);
   } else {

@@ -15,6 +15,13 @@ namespace {
 
 constexpr s64 nanoseconds_per_microsecond = 1000;
 
+/// Sanitizers open files to find out what they want to know, and report faults where they cannot.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool is_sanitized = true;
+#else
+constexpr bool is_sanitized = false;
+#endif
+
 std::string read_file(const std::filesystem::path& file) {
   std::ifstream in(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
@@ -48,12 +55,35 @@ std::string command_test::expand(std::string text) const {
   return text;
 }
 
-command_result command_test::run(const std::string& arguments) const {
+command_result command_test::run(const std::string& arguments, const std::string& before) const {
   const std::string out = path(".out");
   const std::string err = path(".err");
-  const std::string line = COMMAND " " + expand(arguments) + " >" + out + " 2>" + err;
+  const std::string line = before + COMMAND " " + expand(arguments) + " >" + out + " 2>" + err;
   const int status = std::system(line.c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out), read_file(err)};
+}
+
+void command_test::expect_clean_ends_without_files(const std::string& arguments,
+                                                   std::string_view trace) const {
+  if (is_sanitized) return;
+  // The least with which a program can be started at all. One that comes up ends at a signal.
+  constexpr int least = 4;
+  constexpr int most = 100;
+  for (int files = least; files < most && !HasFailure(); ++files) {
+    SCOPED_TRACE(testing::Message() << files << " files");
+    const command_result result = run(arguments,
+                                      "timeout --preserve-status -s INT -k 5 5 "
+                                      "prlimit --nofile=" +
+                                          std::to_string(files) + " ");
+    EXPECT_FALSE(std::filesystem::exists(path(trace)) && result.status != 0);
+    if (result.status == 0) {
+      EXPECT_GT(files, least);
+      return;
+    }
+    EXPECT_TRUE(result.status == 1 || result.status == 2) << result.status;
+    EXPECT_NE(result.complaint(), result.err);
+  }
+  ADD_FAILURE() << "does not succeed";
 }
 
 void command_test::put(std::string_view name, const std::string& text) const {

@@ -116,5 +116,12 @@ TEST_F(command_test, bad_input_is_one_line_and_leaves_nothing_behind) {
   EXPECT_EQ(after.size(), before.size() + 2) << "more than the two files of the output";
 }
 
+TEST_F(command_test, a_file_that_cannot_be_opened_ends_it_with_nothing_half_done) {
+  put("home.toml", home_config);
+  put_capture("in.pcap", {{0, bytes(60, 0)}});
+  expect_clean_ends_without_files("replay --config @/home.toml --out @/out --in lan0=@/in.pcap",
+                                  "out");
+}
+
 }  // namespace
 }  // namespace tarvelo::test

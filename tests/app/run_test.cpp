@@ -115,6 +115,15 @@ TEST_F(run_test, a_mount_point_in_use_is_left_alone) {
   umount(path("a/b").c_str());
 }
 
+TEST_F(run_test, a_set_up_that_fails_half_way_leaves_nothing_behind) {
+  put("text", "this is no module");
+  const command_result no_module = run("run --config @/home.toml --module @/text");
+  EXPECT_EQ(no_module.status, 2);
+  EXPECT_NE(no_module.complaint(), no_module.err);
+  EXPECT_FALSE(std::filesystem::exists(path("a")));
+  expect_clean_ends_without_files("run --config @/home.toml", "a");
+}
+
 TEST_F(run_test, without_the_privilege_it_says_which) {
   const std::string line = "setpriv --bounding-set -net_raw --inh-caps -net_raw " COMMAND
                            " run --config " +
