@@ -73,7 +73,9 @@ std::string output_directory::staged(const std::string& name) {
   std::error_code error;
   if (fs::is_directory(target, error)) cannot_write(target, "a directory is in its place");
   const fs::path directory = target.parent_path();
-  if (fs::exists(directory, error) && !fs::is_directory(directory, error)) {
+  // A link in the place of a directory of results would lead them out of the one that was named.
+  const fs::file_status above = fs::symlink_status(directory, error);
+  if (directory != final_ && fs::exists(above) && !fs::is_directory(above)) {
     cannot_write(directory, "not a directory");
   }
   const fs::path file = staging_ / name;

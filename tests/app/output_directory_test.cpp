@@ -58,6 +58,25 @@ TEST_F(output_directory_test, a_failure_keeps_what_was_there) {
   EXPECT_THROW((void)out.staged("one/three"), input_error);
 }
 
+TEST_F(output_directory_test, links_lead_nothing_out_of_the_directory) {
+  const fs::path inside = top_ / "inside";
+  const fs::path outside = top_ / "outside";
+  fs::create_directories(inside);
+  fs::create_directories(outside);
+  std::ofstream(outside / "file") << "theirs";
+  fs::create_symlink(outside, inside / "sub");
+  fs::create_symlink(outside / "missing", inside / "dangling");
+  fs::create_symlink(outside / "file", inside / "one");
+  output_directory out(inside.string());
+  EXPECT_THROW((void)out.staged("sub/two"), input_error);
+  EXPECT_THROW((void)out.staged("dangling/two"), input_error);
+  out.write("one", "ours");
+  out.commit();
+  EXPECT_EQ(content(outside / "file"), "theirs");
+  EXPECT_FALSE(fs::is_symlink(inside / "one"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(outside), {}), 1);
+}
+
 TEST_F(output_directory_test, a_place_that_cannot_be_made_is_bad_input) {
   std::ofstream(top_ / "file") << "";
   EXPECT_THROW(output_directory((top_ / "file").string()), input_error);
