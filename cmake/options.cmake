@@ -14,3 +14,7 @@ if(TARVELO_SANITIZE)
                                                    -fno-omit-frame-pointer)
   target_link_options(tarvelo_options INTERFACE -fsanitize=${TARVELO_SANITIZE})
 endif()
+# What is fuzzed tells the fuzzer which ways it takes.
+if(TARVELO_FUZZ)
+  target_compile_options(tarvelo_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

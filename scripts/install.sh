@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: GPL-2.0-only
 # Installs the Debian packages that the named groups of work need, and only those that are missing.
 #
-#   scripts/install.sh build [run] [test] [bench] [check] [arm]
+#   scripts/install.sh build [run] [test] [bench] [check] [fuzz] [arm]
 #
 # Says nothing when nothing is missing. Needs root or sudo only when something is.
 set -eu
@@ -17,8 +17,9 @@ packages_of() {
     test) echo "tshark" ;;
     bench) echo "valgrind" ;;
     check) echo "clang clang-format clang-tidy binutils python3" ;;
+    fuzz) echo "clang libclang-rt-dev" ;;
     arm) echo "g++-arm-linux-gnueabihf qemu-user-static googletest" ;;
-    *) echo "install.sh: no group \"$1\"; there are: build run test bench check arm" >&2; exit 2 ;;
+    *) echo "install.sh: no group \"$1\"; there are: build run test bench check fuzz arm" >&2; exit 2 ;;
   esac
 }
 
