@@ -29,7 +29,7 @@ class checked_scope {
 
  private:
   const void* place_;
-  code_place at_;
+  [[maybe_unused]] code_place at_;  ///< only the checked kernel tells places
   bool outermost_;
 };
 

@@ -83,7 +83,7 @@ void keep_block(sk_buff* skb) noexcept {
   --cache.vacant;
 }
 
-void give_block(sk_buff* skb) noexcept {
+[[maybe_unused]] void give_block(sk_buff* skb) noexcept {
   if (reuse_blocks && has_usual_room(skb) && (cache.vacant != 0 || open_cache())) {
     keep_block(skb);
   } else {
