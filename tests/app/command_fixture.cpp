@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "tests/app/command_fixture.h"
 
+#include <linux/close_range.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -66,6 +68,8 @@ command_result command_test::run(const std::string& arguments, const std::string
 void command_test::expect_clean_ends_without_files(const std::string& arguments,
                                                    std::string_view trace) const {
   if (is_sanitized) return;
+  // What whoever runs the tests has left open would count.
+  ASSERT_EQ(close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC), 0);
   // The least with which a program can be started at all. One that comes up ends at a signal.
   constexpr int least = 4;
   constexpr int most = 100;
