@@ -3,7 +3,6 @@
 
 #define FUSE_USE_VERSION 314
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <fuse.h>
 #include <fuse_lowlevel.h>
@@ -16,7 +15,7 @@
 #include <set>
 #include <thread>
 
-#include "app/mount_point.h"
+#include "app/mount_keeper.h"
 #include "kernel/context.h"
 #include "kernel/proc_tree.h"
 #include "ports/owned_fd.h"
@@ -25,15 +24,19 @@ namespace tarvelo::app {
 
 namespace {
 
-constexpr const char* fuse_device = "/dev/fuse";
 constexpr nlink_t directory_links = 2;
 constexpr mode_t directory_mode = S_IFDIR | 0555;
 
-/// Files that users have open. Only the serving thread uses it, and the owner after that thread.
-using open_files = std::set<std::unique_ptr<proc::open_file>>;
+/// What users of the mount see and have. Only the serving thread uses it, and the owner after that
+/// thread.
+struct user_view {
+  uid_t owner = geteuid();  ///< who has started the router: it may be somebody else by now
+  gid_t group = getegid();
+  std::set<std::unique_ptr<proc::open_file>> files;
+};
 
-open_files& files_of_mount() {
-  return *static_cast<open_files*>(fuse_get_context()->private_data);
+user_view& view_of_mount() {
+  return *static_cast<user_view*>(fuse_get_context()->private_data);
 }
 
 proc::open_file* file_of(const fuse_file_info* info) {
@@ -56,8 +59,8 @@ void* start(fuse_conn_info*, fuse_config* config) {
 
 int get_attributes(const char* path, struct stat* status, fuse_file_info*) {
   *status = {};
-  status->st_uid = geteuid();
-  status->st_gid = getegid();
+  status->st_uid = view_of_mount().owner;
+  status->st_gid = view_of_mount().group;
   proc::entry_info info;
   const bool is_top = *tree_path(path) == '\0';
   if (!is_top && !proc::stat(tree_path(path), &info)) return -ENOENT;
@@ -88,7 +91,7 @@ int open_control_file(const char* path, fuse_file_info* info) {
   if (!file) return error;
   info->fh = reinterpret_cast<std::uintptr_t>(file.get());
   info->direct_io = 1;
-  files_of_mount().insert(std::move(file));
+  view_of_mount().files.insert(std::move(file));
   return 0;
 }
 
@@ -108,7 +111,7 @@ int truncate_control_file(const char*, off_t, fuse_file_info*) {
 }
 
 int release_control_file(const char*, fuse_file_info* info) {
-  open_files& files = files_of_mount();
+  auto& files = view_of_mount().files;
   for (auto file = files.begin(); file != files.end(); ++file) {
     if (file->get() != file_of(info)) continue;
     files.erase(file);
@@ -132,74 +135,51 @@ fuse_operations make_operations() {
 
 const fuse_operations operations = make_operations();
 
-/// The library explains failures on its own log only. Text of the last one.
-std::string last_message;
-
-void keep_message(fuse_log_level, const char* format, va_list arguments) {
-  char text[256];
-  std::vsnprintf(text, sizeof text, format, arguments);
-  last_message = text;
-  while (!last_message.empty() && last_message.back() == '\n')
-    last_message.pop_back();
-}
-
-std::string why_missing() {
-  const ports::owned_fd device{open(fuse_device, O_RDWR | O_CLOEXEC)};
-  return device ? std::string() : fmt::format("{}: {}", fuse_device, std::strerror(errno));
-}
-
 }  // namespace
 
 struct control_mount::state {
-  explicit state(const std::string& path) : point(path) {}
+  explicit state(const std::string& path) : keeper(path) {}
   ~state();
   state(const state&) = delete;
   state& operator=(const state&) = delete;
 
-  [[nodiscard]] bool mount();
+  void connect();
   void serve(unsigned processor);
 
-  mount_point point;
+  mount_keeper keeper;
   std::string reason;
-  open_files files;
+  user_view view;
   fuse* handle = nullptr;  ///< null: not mounted
   ports::owned_fd stop;
   std::thread thread;
 };
 
 control_mount::state::~state() {
-  if (handle == nullptr) return;
-  fuse_unmount(handle);
-  fuse_destroy(handle);
+  if (handle != nullptr) fuse_destroy(handle);
 }
 
-bool control_mount::state::mount() {
-  reason = why_missing();
-  if (!reason.empty()) return false;
+void control_mount::state::connect() {
+  reason = keeper.reason();
+  ports::owned_fd connection = keeper.take_connection();
+  if (!connection) return;
   stop = ports::owned_fd{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   if (!stop) {
     reason = std::strerror(errno);
-    return false;
+    return;
   }
-  // Only root may let others in without the host's leave.
-  const std::string options = geteuid() == 0 ? "default_permissions,fsname=tarvelo,allow_other"
-                                             : "default_permissions,fsname=tarvelo";
   fuse_args arguments = FUSE_ARGS_INIT(0, nullptr);
-  for (const char* text : {"tarvelo", "-o", options.c_str()})
-    fuse_opt_add_arg(&arguments, text);
-  last_message.clear();
-  fuse_set_log_func(keep_message);
-  handle = fuse_new(&arguments, &operations, sizeof operations, &files);
+  fuse_opt_add_arg(&arguments, "tarvelo");
+  handle = fuse_new(&arguments, &operations, sizeof operations, &view);
   fuse_opt_free_args(&arguments);
-  if (handle != nullptr && fuse_mount(handle, point.path().c_str()) != 0) {
-    fuse_destroy(handle);
-    handle = nullptr;
+  // The library's name for a connection that somebody else has mounted; it closes it as its own.
+  const std::string mounted = fmt::format("/dev/fd/{}", connection.get());
+  if (handle != nullptr && fuse_mount(handle, mounted.c_str()) == 0) {
+    (void)connection.release();
+    return;
   }
-  if (handle == nullptr) {
-    reason = last_message.empty() ? "cannot be mounted" : last_message;
-    return false;
-  }
-  return true;
+  if (handle != nullptr) fuse_destroy(handle);
+  handle = nullptr;
+  reason = "cannot be served";
 }
 
 /// The library's own loop cannot be woken up while a user keeps the unmounted tree busy.
@@ -220,9 +200,12 @@ void control_mount::state::serve(unsigned processor) {
   std::free(buffer.mem);
 }
 
-control_mount::control_mount(const std::string& path, unsigned processor)
-    : state_(std::make_unique<state>(path)) {
-  if (!state_->mount()) return;
+control_mount::control_mount(const std::string& path) : state_(std::make_unique<state>(path)) {
+  state_->connect();
+}
+
+void control_mount::serve(unsigned processor) {
+  if (!available()) return;
   state_->thread = std::thread([s = state_.get(), processor] { s->serve(processor); });
 }
 

@@ -15,13 +15,16 @@ namespace tarvelo::app {
 
 class control_mount {
  public:
-  /// Mounts at once. Throws input_error when the mount point cannot be used. `processor` is no
-  /// other thread's.
-  control_mount(const std::string& path, unsigned processor);
+  /// Mounts at once, while the process still has one thread and the privileges for it; whoever uses
+  /// the files waits until they are served. Throws input_error when the mount point cannot be used.
+  explicit control_mount(const std::string& path);
   /// Unmounts, closing files that users still have open.
   ~control_mount();
   control_mount(const control_mount&) = delete;
   control_mount& operator=(const control_mount&) = delete;
+
+  /// Starts the thread that serves the files. `processor` is no other thread's. Once.
+  void serve(unsigned processor);
 
   [[nodiscard]] bool available() const noexcept;
   /// Why it is not available, in one line.

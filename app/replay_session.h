@@ -40,7 +40,7 @@ class replay_session final : private ports::transmit_observer {
                  output_directory& out);
   ~replay_session();
 
-  void load_module(const std::string& path) { host_->load_module(path); }
+  void load_module(const std::string& path) { host_->load_module(open_module(path)); }
   /// Feeds all frames.
   void feed();
   [[nodiscard]] const stack::router& router() const { return host_->router(); }

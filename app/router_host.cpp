@@ -20,6 +20,11 @@ std::string installed_module() {
   return (command.parent_path().parent_path() / "lib" / "tarvelo.so").string();
 }
 
+[[noreturn]] void cannot_load(const std::string& name, const std::string& error) {
+  throw input_error(
+      fmt::format("{}: the module cannot be loaded: {}; name it with --module", name, error));
+}
+
 std::unique_ptr<stack::router> build_router(const app_config& config) {
   try {
     return std::make_unique<stack::router>(config.router, &ports::port_device_ops);
@@ -31,19 +36,24 @@ std::unique_ptr<stack::router> build_router(const app_config& config) {
 
 }  // namespace
 
+std::unique_ptr<module_file> open_module(const std::string& path) {
+  const std::string name = path.empty() ? installed_module() : path;
+  std::string error;
+  auto file = module_file::open(name, &error);
+  if (file) return file;
+  cannot_load(name, error);
+}
+
 router_host::router_host(const app_config& config)
     : config_(config), router_(build_router(config)) {}
 
 router_host::~router_host() = default;
 
-void router_host::load_module(const std::string& path) {
-  const std::string file = path.empty() ? installed_module() : path;
+void router_host::load_module(std::unique_ptr<module_file> file) {
+  const std::string name = file->path();
   std::string error;
-  module_ = loaded_module::load(file, &error);
-  if (!module_) {
-    throw input_error(
-        fmt::format("{}: the module cannot be loaded: {}; name it with --module", file, error));
-  }
+  module_ = loaded_module::load(std::move(file), &error);
+  if (!module_) cannot_load(name, error);
   if (!config_.control.fast_path) write_control_file("enable", "0");
 }
 

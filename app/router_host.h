@@ -17,6 +17,10 @@
 
 namespace tarvelo::app {
 
+/// The module's file, `path` empty for the one installed with the command. What it throws names the
+/// cure.
+[[nodiscard]] std::unique_ptr<module_file> open_module(const std::string& path);
+
 class router_host {
  public:
   explicit router_host(const app_config& config);
@@ -27,9 +31,8 @@ class router_host {
   [[nodiscard]] stack::router& router() { return *router_; }
   [[nodiscard]] const stack::router& router() const { return *router_; }
 
-  /// Loads the module, `path` empty for the one installed with the command, and switches its fast
-  /// path off when the configuration says so.
-  void load_module(const std::string& path);
+  /// Initialises the module and switches its fast path off when the configuration says so.
+  void load_module(std::unique_ptr<module_file> file);
   /// Unloads; waits while one of its control files is open.
   void unload_module() { module_.reset(); }
 

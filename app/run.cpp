@@ -18,6 +18,7 @@
 #include "app/device_statistics.h"
 #include "app/held_log.h"
 #include "app/port_set.h"
+#include "app/privileges.h"
 #include "app/router_host.h"
 #include "app/timer_thread.h"
 #include "app/worker.h"
@@ -80,31 +81,33 @@ void watch(const stop_signals& stop, port_set& ports, stack::router& router) {
   }
 }
 
-std::unique_ptr<control_mount> make_mount(const app_config& config, unsigned processor) try {
-  return std::make_unique<control_mount>(config.control.mount, processor);
+std::unique_ptr<control_mount> make_mount(const app_config& config) try {
+  return std::make_unique<control_mount>(config.control.mount);
 } catch (const input_error& error) {
   throw input_error(describe(config.file, config.places.control.of("mount")) + error.what());
 }
 
-/// The threads and the mount, for as long as they run.
+/// The threads, for as long as they run.
 void serve(const app_config& config, const stop_signals& stop, port_set& ports, router_host& host,
-           held_log& log) {
+           std::unique_ptr<control_mount> mount, held_log& log) {
   const unsigned workers = worker_count(ports.size());
   const unsigned clock_processor = workers;
   const unsigned mount_processor = workers + 1;
   hosted::set_processor(workers + 2);
 
-  const auto mount = make_mount(config, mount_processor);
+  // Gone when this returns: the module cannot unload while a user has one of its files open.
+  const std::unique_ptr<control_mount> served = std::move(mount);
+  served->serve(mount_processor);
   const timer_thread clock(clock_processor, ports);
   std::vector<std::unique_ptr<worker>> threads;
   for (unsigned i = 0; i < workers; ++i) {
     threads.push_back(std::make_unique<worker>(i, host.router(), ports.share(i, workers), ports));
   }
   log.release();
-  if (mount->available()) {
+  if (served->available()) {
     fmt::print(stderr, "tarvelo: running; control files in {}\n", config.control.mount);
   } else {
-    fmt::print(stderr, "tarvelo: running; no control files: {}\n", mount->reason());
+    fmt::print(stderr, "tarvelo: running; no control files: {}\n", served->reason());
   }
   watch(stop, ports, host.router());
 }
@@ -119,10 +122,13 @@ int run(const run_options& options) {
   held_log log;
   {
     port_set ports(config);
+    auto mount = make_mount(config);
+    auto module = open_module(options.module);
+    drop_privileges();
     router_host host(config);
     ports.attach(host.router());
-    host.load_module(options.module);
-    serve(config, stop, ports, host, log);
+    host.load_module(std::move(module));
+    serve(config, stop, ports, host, std::move(mount), log);
     last = summary(host.router().statistics(), ports.transmit_errors()) + "\n" +
            device_statistics_text(config.router, host.router());
     host.unload_module();

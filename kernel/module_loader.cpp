@@ -109,8 +109,30 @@ void module_put(module* owner) noexcept {
 
 }  // namespace hosted
 
+struct module_file::symbols : module_symbols {};
+
+module_file::module_file() : symbols_(std::make_unique<symbols>()) {}
+
+module_file::~module_file() {
+  if (handle_ != nullptr) dlclose(handle_);
+}
+
+std::unique_ptr<module_file> module_file::open(const std::string& path, std::string* error) {
+  if (!licence_is_good(path, error)) return nullptr;
+  std::unique_ptr<module_file> file(new module_file);
+  file->path_ = path;
+  // An absolute path, so that it is not searched for among the system's libraries.
+  file->handle_ = dlopen(std::filesystem::absolute(path).c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (file->handle_ == nullptr) {
+    *error = dlerror();
+    return nullptr;
+  }
+  if (!find_symbols(file->handle_, path, file->symbols_.get(), error)) return nullptr;
+  return file;
+}
+
 struct loaded_module::state {
-  void* handle = nullptr;  ///< of dlopen(); null for a module that is linked in
+  std::unique_ptr<module_file> file;  ///< null for a module that is linked in
   module_symbols symbols{};
   bool loaded = true;
 };
@@ -122,21 +144,19 @@ void set_module_notifier(const module_notifier* to) noexcept {
 
 loaded_module::loaded_module(std::unique_ptr<state> s) : state_(std::move(s)) {}
 
-std::unique_ptr<loaded_module> loaded_module::load(const std::string& path, std::string* error) {
+std::unique_ptr<loaded_module> loaded_module::load(std::unique_ptr<module_file> file,
+                                                   std::string* error) {
   if constexpr (kernel_checked) checked_might_sleep(code_place::here());
-  if (!licence_is_good(path, error)) return nullptr;
   auto s = std::make_unique<state>();
-  // An absolute path, so that it is not searched for among the system's libraries.
-  s->handle = dlopen(std::filesystem::absolute(path).c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (s->handle == nullptr) {
-    *error = dlerror();
-    return nullptr;
-  }
-  if (!find_symbols(s->handle, path, &s->symbols, error) || !initialise(s->symbols, path, error)) {
-    dlclose(s->handle);
-    return nullptr;
-  }
+  s->symbols = *file->symbols_;
+  s->file = std::move(file);
+  if (!initialise(s->symbols, s->file->path_, error)) return nullptr;
   return std::unique_ptr<loaded_module>(new loaded_module(std::move(s)));
+}
+
+std::unique_ptr<loaded_module> loaded_module::load(const std::string& path, std::string* error) {
+  auto file = module_file::open(path, error);
+  return file ? load(std::move(file), error) : nullptr;
 }
 
 std::unique_ptr<loaded_module> loaded_module::load_linked(module_init_fn init, module_exit_fn exit,
@@ -161,7 +181,7 @@ bool loaded_module::unload() {
   state_->symbols.exit();
   rcu_barrier();
   atomic_set(&self->users, 0);
-  if (state_->handle != nullptr) dlclose(state_->handle);
+  state_->file.reset();
   state_->loaded = false;
   return true;
 }

@@ -27,10 +27,33 @@ struct module_notifier {
 /// One notifier at a time; null removes it.
 void set_module_notifier(const module_notifier* notifier) noexcept;
 
+/// The file of a module, mapped into this program; nothing of it has run yet. For a program that
+/// may read the file now and not later.
+class module_file {
+ public:
+  /// Null on failure, with the reason in `*error` (one line).
+  static std::unique_ptr<module_file> open(const std::string& path, std::string* error);
+  ~module_file();
+  module_file(const module_file&) = delete;
+  module_file& operator=(const module_file&) = delete;
+
+  [[nodiscard]] const std::string& path() const noexcept { return path_; }
+
+ private:
+  friend class loaded_module;
+  struct symbols;
+  module_file();
+  std::string path_;
+  void* handle_ = nullptr;  ///< of dlopen()
+  std::unique_ptr<symbols> symbols_;
+};
+
 /// A loaded module; process context.
 class loaded_module {
  public:
-  /// Loads and initialises. Null on failure, with the reason in `*error` (one line).
+  /// Initialises. Null on failure, with the reason in `*error` (one line).
+  static std::unique_ptr<loaded_module> load(std::unique_ptr<module_file> file, std::string* error);
+  /// Opens the file and initialises.
   static std::unique_ptr<loaded_module> load(const std::string& path, std::string* error);
   /// For a module that is linked in, as in the unit tests.
   static std::unique_ptr<loaded_module> load_linked(module_init_fn init, module_exit_fn exit,

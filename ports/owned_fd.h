@@ -27,6 +27,8 @@ class owned_fd {
 
   explicit operator bool() const noexcept { return fd_ >= 0; }
   [[nodiscard]] int get() const noexcept { return fd_; }
+  /// The caller's from now on.
+  [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
   void reset() noexcept {
     if (fd_ >= 0) close(fd_);
     fd_ = -1;

@@ -10,7 +10,7 @@ set -eu
 packages_of() {
   case "$1" in
     build) echo "g++ cmake ninja-build pkg-config ccache git ca-certificates
-                 libfmt-dev libtomlplusplus-dev libcli11-dev libpcap-dev libfuse3-dev liburcu-dev
+                 libfmt-dev libtomlplusplus-dev libcli11-dev libpcap-dev libfuse3-dev liburcu-dev libcap-dev
                  nlohmann-json3-dev libgtest-dev googletest libbenchmark-dev
                  python3 iproute2 util-linux" ;;
     run) echo "fuse3 iproute2 util-linux iperf3" ;;

@@ -4,15 +4,20 @@
 // none can be made. That it forwards traffic is for the integration test; here it comes up, shows
 // its control files, and goes down without a trace.
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
 #include <thread>
 
 #include "tests/app/command_fixture.h"
@@ -92,6 +97,106 @@ TEST_F(run_test, comes_up_shows_its_control_files_and_goes_down_without_a_trace)
   EXPECT_FALSE(std::filesystem::exists(path("a")));
 }
 
+/// The values of one line of every thread's status.
+std::set<std::string> status_of_threads(pid_t process, const std::string& name) {
+  std::set<std::string> values;
+  const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+    std::ifstream status(task.path() / "status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with(name + ":\t")) values.insert(line.substr(name.size() + 2));
+    }
+  }
+  return values;
+}
+
+/// The processes that `parent` has started, by the kernel's own account.
+std::vector<pid_t> children_of(pid_t parent) {
+  const std::string id = std::to_string(parent);
+  std::ifstream list("/proc/" + id + "/task/" + id + "/children");
+  return {std::istream_iterator<pid_t>(list), {}};
+}
+
+TEST_F(run_test, no_thread_keeps_a_privilege_once_it_runs) {
+  const pid_t child = start();
+  const std::pair<const char*, const char*> lines[] = {{"Uid", "65534\t65534\t65534\t65534"},
+                                                       {"Gid", "65534\t65534\t65534\t65534"},
+                                                       {"Groups", " "},
+                                                       {"CapInh", "0000000000000000"},
+                                                       {"CapPrm", "0000000000000000"},
+                                                       {"CapEff", "0000000000000000"},
+                                                       {"CapAmb", "0000000000000000"},
+                                                       {"NoNewPrivs", "1"}};
+  for (const auto& [name, value] : lines) {
+    EXPECT_EQ(status_of_threads(child, name), std::set<std::string>{value}) << name;
+  }
+  if (has_control_files()) {
+    const std::vector<pid_t> keeper = children_of(child);
+    ASSERT_EQ(keeper.size(), 1U);
+    // DAC_OVERRIDE and SYS_ADMIN.
+    EXPECT_EQ(status_of_threads(keeper[0], "CapPrm"), std::set<std::string>{"0000000000200002"});
+  }
+  EXPECT_EQ(stop(child, SIGTERM), 0);
+}
+
+TEST_F(run_test, a_router_that_is_killed_leaves_no_mount) {
+  const pid_t child = start();
+  const std::vector<pid_t> keeper = children_of(child);
+  EXPECT_EQ(stop(child, SIGKILL), -1);
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (!keeper.empty() && kill(keeper[0], 0) == 0 && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_FALSE(std::filesystem::exists(path("a")));
+}
+
+/// Runs `use` as nobody; what it returns is the child's exit status.
+template <typename Use>
+int as_nobody(Use use) {
+  const pid_t child = fork();
+  if (child == 0) {
+    constexpr uid_t nobody = 65534;
+    if (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0) _exit(127);
+    _exit(use());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WEXITSTATUS(status);
+}
+
+TEST_F(run_test, each_control_file_lets_its_owner_in_and_others_only_where_its_mode_does) {
+  std::filesystem::permissions(path(""), std::filesystem::perms(0755));
+  const pid_t child = start();
+  if (!has_control_files()) GTEST_SKIP() << "no file systems in user space";
+  const std::map<std::string, unsigned> modes = {{"enable", 0644},
+                                                 {"slow_xmit_enable", 0644},
+                                                 {"statistics_info", 0644},
+                                                 {"version", 0644},
+                                                 {"ipc_count", 0644},
+                                                 {"ipc_info", 0440},
+                                                 {"ipc_v6_count", 0644},
+                                                 {"ipc_v6_info", 0440},
+                                                 {"statistics_forward_ipv6_packet_num", 0644},
+                                                 {"brc_info", 0440}};
+  std::map<std::string, unsigned> seen;
+  for (const std::string& name : list("a/b/vok")) {
+    const std::string file = path("a/b/vok/" + name);
+    struct stat status {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, getuid()) << name;
+    EXPECT_EQ(status.st_gid, getgid()) << name;
+    const unsigned mode = status.st_mode & 07777U;
+    seen[name] = mode;
+    const auto may = [&](int how) {
+      return as_nobody([&] { return open(file.c_str(), how) >= 0 ? 1 : 0; });
+    };
+    EXPECT_EQ(may(O_RDONLY), (mode & S_IROTH) != 0 ? 1 : 0) << name;
+    EXPECT_EQ(may(O_WRONLY), (mode & S_IWOTH) != 0 ? 1 : 0) << name;
+  }
+  EXPECT_EQ(seen, modes);
+  EXPECT_EQ(stop(child, SIGTERM), 0);
+}
+
 TEST_F(run_test, stops_while_a_user_has_a_listing_open) {
   const pid_t child = start();
   std::ifstream listing(path("a/b/vok/ipc_info"));
@@ -125,14 +230,22 @@ TEST_F(run_test, a_set_up_that_fails_half_way_leaves_nothing_behind) {
 }
 
 TEST_F(run_test, without_the_privilege_it_says_which) {
-  const std::string line = "setpriv --bounding-set -net_raw --inh-caps -net_raw " COMMAND
-                           " run --config " +
-                           path("home.toml") + " 2>" + path("run.err");
-  const int status = std::system(line.c_str());
-  EXPECT_EQ(WEXITSTATUS(status), 2);
-  EXPECT_EQ(get("run.err"), "tarvelo: " + path("home.toml") +
-                                ":1:1: interface lan0: no privilege for packet sockets; run with "
-                                "CAP_NET_RAW (as root)\n");
+  const std::pair<const char*, const char*> rows[] = {
+      {"-net_raw",
+       ":1:1: interface lan0: no privilege for packet sockets; run with CAP_NET_RAW (as root)"},
+      {"-setuid,-setgid",
+       "cannot give up being root: Operation not permitted; start it with CAP_SETUID and "
+       "CAP_SETGID as well, or as another user with CAP_NET_RAW"}};
+  for (const auto& [taken, complaint] : rows) {
+    const std::string line = std::string("setpriv --bounding-set ") + taken + " --inh-caps " +
+                             taken + " " COMMAND " run --config " + path("home.toml") + " 2>" +
+                             path("run.err");
+    const int status = std::system(line.c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 2);
+    const std::string place = *complaint == ':' ? path("home.toml") : "";
+    EXPECT_EQ(get("run.err"), "tarvelo: " + place + complaint + "\n");
+    EXPECT_FALSE(std::filesystem::exists(path("a")));
+  }
 }
 
 }  // namespace
