@@ -22,7 +22,8 @@ int reassembled_frames(const char* conversation) {
 
 conversation read_conversation(const std::string& name) {
   const std::filesystem::path folder = std::filesystem::path(CONVERSATIONS) / name;
-  conversation result{app::load_config(folder / "router.toml"), {}};
+  const std::filesystem::path routers = ROUTERS;
+  conversation result{app::load_config(routers / (name + ".toml")), {}};
   std::vector<std::pair<s64, arriving_frame>> frames;
   for (const stack::device_config& device : result.config.router.devices) {
     const auto capture = folder / ("in-" + device.name + ".pcap");

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """Runs one scenario with the fast path on and once with it off, and judges what was sent.
 
-    compare.py COMMAND SCENARIO DIRECTORY
+    compare.py COMMAND SCENARIO ROUTERS DIRECTORY
 
-What is sent is left in DIRECTORY/fast and DIRECTORY/slow. With the fast path on, each frame must be
+SCENARIO is a name; its router is ROUTERS/SCENARIO.toml, its frames are in data/SCENARIO. What is sent is left in DIRECTORY/fast and DIRECTORY/slow. With the fast path on, each frame must be
 the expected one byte for byte, but for what a tunnel's end chooses for itself: the identification
 of its packets, and where its sequence numbers begin (not how they go on). With the fast path off,
 hop counts may differ as well, for the stack counts hops and the fast path does not. The verdicts
@@ -11,6 +11,7 @@ must be those of the scenario, so a frame that should be fast has been fast. Bot
 the same packets on a VLAN device or PPP interface.
 """
 import collections
+import itertools
 import json
 import pathlib
 import re
@@ -19,6 +20,7 @@ import subprocess
 import sys
 
 import captures
+import routers
 from dissect import (HEADER_SUM, HOPS, TUNNEL_ID, TUNNEL_SEQUENCE, TUNNEL_SUM, dissect)
 
 FREE_IN_TUNNELS = {TUNNEL_ID, TUNNEL_SUM}
@@ -48,11 +50,11 @@ class Blanker:
         return bytes(frame)
 
 
-def replay(command, scenario, out, settings):
+def replay(command, scenario, router, out, settings):
     shutil.rmtree(out, ignore_errors=True)
     inputs = [option for path in sorted(scenario.glob("in-*.pcap"))
               for option in ("--in", f"{path.stem.removeprefix('in-')}={path}")]
-    done = subprocess.run([command, "replay", "--config", scenario / "router.toml", *inputs,
+    done = subprocess.run([command, "replay", "--config", router, *inputs,
                            *settings, "--out", out],
                           capture_output=True, text=True, check=False)
     if done.returncode != 0:
@@ -104,15 +106,15 @@ def judge_frames(scenario, out, title, free, any_order):
     return faults
 
 
-def judge_statistics(scenario, about, fast, slow):
+def judge_statistics(scenario, router, fast, slow, verdicts):
     """Device by device: (name, packets received, packets sent)."""
     stacked = re.findall(r'^type = "(vlan|pppoe|l2tp|pptp)"$',
-                         (scenario / "router.toml").read_text(), re.MULTILINE)
+                         router.read_text(), re.MULTILINE)
     faults = [f"statistics of {packets} where there are {len(stacked)} devices to count on\n"
               for packets in (fast, slow) if len(packets) != len(stacked)]
     # The bridge cache leads straight to the port beneath a VLAN device, and of several devices that
     # a connection goes through the fast path counts on some only.
-    if "fast-bridged" in about["verdicts"] or len(stacked) != 1:
+    if "fast-bridged" in verdicts or len(stacked) != 1:
         return faults
     through_ports = {tuple(len(captures.read(scenario / f"{way}-{port}.pcap")[1])
                            for way in ("in", "out"))
@@ -121,6 +123,12 @@ def judge_statistics(scenario, about, fast, slow):
     return faults + [f"statistics, {device}: {received} packets received, {sent} sent\n"
                      for device, received, sent in fast + slow
                      if (int(received), int(sent)) not in through_ports]
+
+
+def verdicts_of(runs):
+    """"2 slow, 1 dropped": slow, slow, dropped."""
+    pairs = (run.split() for run in runs.split(", "))
+    return list(itertools.chain.from_iterable([verdict] * int(times) for times, verdict in pairs))
 
 
 def judge_verdicts(wanted, fast, slow):
@@ -134,16 +142,19 @@ def judge_verdicts(wanted, fast, slow):
 
 
 def main():
-    command, scenario, directory = sys.argv[1], *map(pathlib.Path, sys.argv[2:])
-    about = json.loads((scenario / "scenario.json").read_text())
+    command, name, directory = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[4])
+    router = pathlib.Path(sys.argv[3]) / f"{name}.toml"
+    scenario, about = routers.HERE / "data" / name, routers.scenarios()[name]
+    verdicts = verdicts_of(about["verdicts"])
     directory.mkdir(parents=True, exist_ok=True)
-    fast, fast_packets = replay(command, scenario, directory / "fast", [])
-    slow, slow_packets = replay(command, scenario, directory / "slow", ["--set", "enable=0"])
-    faults = (judge_verdicts(about["verdicts"], fast, slow)
-              + judge_statistics(scenario, about, fast_packets, slow_packets)
+    fast, fast_packets = replay(command, scenario, router, directory / "fast", [])
+    slow, slow_packets = replay(command, scenario, router, directory / "slow",
+                                ["--set", "enable=0"])
+    faults = (judge_verdicts(verdicts, fast, slow)
+              + judge_statistics(scenario, router, fast_packets, slow_packets, verdicts)
               + judge_frames(scenario, directory / "fast", "fast path", FREE_IN_TUNNELS, False)
               + judge_frames(scenario, directory / "slow", "slow path", FREE_BETWEEN_PATHS,
-                             about["slow_order"] == "any"))
+                             about.get("slow_order") == "any"))
     for fault in faults[:SHOWN_AT_MOST]:
         print(fault, end="")
     if faults:

@@ -16,8 +16,7 @@ from conversation import PAYLOAD
 from links import ppp_protocol
 from scenario import Scenario
 
-MACS = {"lan0": "02:00:00:00:01:01", "lan1": "02:00:00:00:02:01", "lan2": "02:00:00:00:03:01"}
-BRIDGE_MAC = "02:00:00:00:05:01"
+PORTS = ("lan0", "lan1", "lan2")
 PRIORITY = 5
 FRAMES = 8
 
@@ -40,14 +39,12 @@ def frame(source, target, via, payload, priority):
     return Ether(src=source.mac, dst=target.mac) / payload
 
 
-def tables(first, second, reorder):
-    result = [("device", {"name": port, "type": "port", "mac": mac}) for port, mac in MACS.items()]
+def router(first, second, reorder):
+    pieces = list(PORTS)
     for host in (first, second):
         if host.vlan:
-            result.append(("device", {"name": host.device(), "type": "vlan", "parent": host.port,
-                                      "id": host.vlan, "reorder_header": reorder}))
-    return result + [("device", {"name": "br0", "type": "bridge", "mac": BRIDGE_MAC,
-                                 "ports": [first.device(), second.device(), "lan2"]})]
+            pieces += [host.device()] + ([] if reorder else [f"{host.device()}-keeps-tags"])
+    return pieces + [f"br0:{first.device()},{second.device()}"]
 
 
 def in_session(packet):
@@ -60,7 +57,7 @@ def exchange(name, first_vlan, second_vlan, wrap=lambda packet: packet, family=I
                  else ("2001:db8:1::2", "2001:db8:1::3"))
     first = BridgedHost("lan0", first_vlan, "02:00:00:00:01:02", addresses[0])
     second = BridgedHost("lan1", second_vlan, "02:00:00:00:02:02", addresses[1])
-    scenario = Scenario(name, tables(first, second, reorder))
+    scenario = Scenario(name, router(first, second, reorder), PORTS)
     # A host behind a VLAN that keeps its tags is not told to the fast path.
     told = reorder or not (first_vlan or second_vlan)
     for number in range(FRAMES):

@@ -67,9 +67,8 @@ class Flow:
         self.family = family
         mtu = IPV4_MTU if family == 4 else IPV6_MTU
         self.lan, self.wan = lan_port(mtu=mtu), wan_port(mtu=mtu)
-        masquerade = ["wan0"] if family == 4 else []
-        self.scenario = Scenario(name, inside(self.lan, family) + outside(self.wan, family),
-                                 masquerade=masquerade, slow_order=slow_order)
+        self.scenario = Scenario(name, inside(self.lan, family) + outside(self.wan, family)
+                                 + (["nat@wan0"] if family == 4 else []), slow_order=slow_order)
         client, server = (CLIENT, SERVER) if family == 4 else (CLIENT6, SERVER6)
         self.public = (PUBLIC if family == 4 else CLIENT6, CLIENT_PORT)
         self.client, self.server = client, server

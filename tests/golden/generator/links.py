@@ -2,7 +2,7 @@
 """The links that a router's packets come and go by, as scapy sees them.
 
 A link wraps a packet into the frame in which it reaches the router (received) or leaves it (sent),
-and says how the router is told about it (tables). Links stand on one another: a VLAN or a PPPoE
+and says of which pieces a router is made that has it. Links stand on one another: a VLAN or a PPPoE
 session on a port, a tunnel on any of them. Each keeps a tunnel's numbers as RFC 2637 and RFC 2661
 want them, so a frame is made in the order in which frames are on the wire.
 """
@@ -27,19 +27,16 @@ def ppp_protocol(packet):
 class Port:
     """Ethernet: the router's address on it and the one host at the other end."""
 
-    def __init__(self, name, mac, peer_mac, mtu=1500):
+    def __init__(self, name, mac, peer_mac, mtu=None):
         self.device, self.port = name, name
-        self.mac, self.peer_mac, self.mtu = mac, peer_mac, mtu
+        self.mac, self.peer_mac = mac, peer_mac
+        self.pieces = [name] + ([f"{name}-mtu{mtu}"] if mtu else [])
 
     def received(self, payload):
         return Ether(dst=self.mac, src=self.peer_mac) / payload
 
     def sent(self, payload):
         return Ether(dst=self.peer_mac, src=self.mac) / payload
-
-    def tables(self, own):
-        return [("device", {"name": self.device, "type": "port", "mac": self.mac,
-                            "mtu": self.mtu, **own})]
 
 
 class Vlan:
@@ -48,7 +45,7 @@ class Vlan:
     def __init__(self, below, number, priority=0, sent_priority=0):
         self.below, self.number = below, number
         self.device, self.port = f"{below.device}.{number}", below.port
-        self.peer_mac, self.mtu = below.peer_mac, below.mtu
+        self.pieces = below.pieces + [self.device]
         self.priority, self.sent_priority = priority, sent_priority
 
     def received(self, payload):
@@ -57,11 +54,6 @@ class Vlan:
     def sent(self, payload):
         return self.below.sent(Dot1Q(vlan=self.number, prio=self.sent_priority) / payload)
 
-    def tables(self, own):
-        return self.below.tables({}) + [
-            ("device", {"name": self.device, "type": "vlan", "parent": self.below.device,
-                        "id": self.number, "mtu": self.mtu, **own})]
-
 
 class Pppoe:
     """A PPPoE session (RFC 2516) on a port or a VLAN."""
@@ -69,7 +61,7 @@ class Pppoe:
     def __init__(self, below, name, session):
         self.below, self.device, self.session = below, name, session
         self.port = below.port
-        self.mtu = below.mtu - 8
+        self.pieces = below.pieces + [name, f"{name}@{below.device}"]
 
     def wrap(self, payload):
         return PPPoE(sessionid=self.session) / Raw(ppp_protocol(payload)) / payload
@@ -80,24 +72,19 @@ class Pppoe:
     def sent(self, payload):
         return self.below.sent(self.wrap(payload))
 
-    def tables(self, own):
-        return self.below.tables({}) + [
-            ("device", {"name": self.device, "type": "pppoe", "parent": self.below.device,
-                        "session": self.session, "peer_mac": self.below.peer_mac,
-                        "mtu": self.mtu, **own})]
-
 
 PPP_FRAMINGS = (b"\xff\x03\x00\x21", b"\xff\x03\x21", b"\x00\x21", b"\x21")
 
 
 class Tunnel:
-    """What both kinds share. `way` is the link that the tunnel runs over, with what the router
-    has there; frames arrive in all PPP framings in turn."""
+    """What both kinds share. `way` is the link that the tunnel runs over; frames arrive in all PPP
+    framings in turn. `options` are those that are set."""
 
-    def __init__(self, way, way_tables, name, local, remote):
-        self.below, self.way_tables, self.device = way, way_tables, name
-        self.port, self.local, self.remote = way.port, local, remote
-        self.mtu = 1400
+    def __init__(self, kind, way, name, local, remote, **options):
+        self.below, self.device, self.port = way, name, way.port
+        self.local, self.remote = local, remote
+        self.pieces = (way.pieces + [f"public@{way.device}", f"{kind}@{way.device}", kind]
+                       + [f"{kind}-{option}" for option, is_set in options.items() if is_set])
         self.arrived = 0
 
     def next_arrival(self):
@@ -116,8 +103,8 @@ class L2tp(Tunnel):
     TUNNEL, PEER_TUNNEL, SESSION, PEER_SESSION = 10, 20, 30, 40
     ARRIVING_HEADERS = (0, "length", "sequence", "length+sequence")
 
-    def __init__(self, way, way_tables, name, local, remote, send_seq=False):
-        super().__init__(way, way_tables, name, local, remote)
+    def __init__(self, way, name, local, remote, send_seq=False):
+        super().__init__("l2tp", way, name, local, remote, send_seq=send_seq)
         self.send_seq, self.ns = send_seq, 0
 
     def received(self, payload):
@@ -140,22 +127,14 @@ class L2tp(Tunnel):
                                / UDP(sport=L2TP_PORT, dport=L2TP_PORT, chksum=0)
                                / message / Raw(PPP_FRAMINGS[0]) / payload)
 
-    def tables(self, own):
-        return self.way_tables + [
-            ("device", {"name": self.device, "type": "l2tp", "local": self.local,
-                        "remote": self.remote, "tunnel": self.TUNNEL,
-                        "peer_tunnel": self.PEER_TUNNEL, "session": self.SESSION,
-                        "peer_session": self.PEER_SESSION, "send_seq": self.send_seq,
-                        "mtu": self.mtu, **own})]
-
 
 class Pptp(Tunnel):
     """The data packets of a PPTP call: enhanced GRE (RFC 2637)."""
 
     CALL, PEER_CALL = 5, 9
 
-    def __init__(self, way, way_tables, name, local, remote, compress=False, omit=False):
-        super().__init__(way, way_tables, name, local, remote)
+    def __init__(self, way, name, local, remote, compress=False, omit=False):
+        super().__init__("pptp", way, name, local, remote, compress=compress, omit=omit)
         self.compress, self.omit = compress, omit
         self.sequence = 0
         self.to_acknowledge = None
@@ -180,25 +159,15 @@ class Pptp(Tunnel):
                    + (b"\x21" if self.compress else b"\x00\x21"))
         return self.below.sent(self.outer(False, IPPROTO_GRE) / gre / Raw(framing) / payload)
 
-    def tables(self, own):
-        return self.way_tables + [
-            ("device", {"name": self.device, "type": "pptp", "local": self.local,
-                        "remote": self.remote, "call": self.CALL, "peer_call": self.PEER_CALL,
-                        "compress_protocol": self.compress, "omit_address_control": self.omit,
-                        "mtu": self.mtu, **own})]
-
 
 class RawIp:
     """A point-to-point device without a link-layer header."""
 
     def __init__(self, name):
-        self.device, self.port, self.mtu = name, name, 1500
+        self.device, self.port, self.pieces = name, name, [name]
 
     def received(self, payload):
         return payload
 
     def sent(self, payload):
         return payload
-
-    def tables(self, own):
-        return [("device", {"name": self.device, "type": "rawip", **own})]

@@ -16,13 +16,13 @@ def client_and_server(lan, wan):
 
 def translated(name, lan, wan, talk):
     """A client behind the address of the outer side."""
-    scenario = Scenario(name, inside(lan) + outside(wan), masquerade=[wan.device])
+    scenario = Scenario(name, inside(lan) + outside(wan) + [f"nat@{wan.device}"])
     talk(Conversation(scenario, *client_and_server(lan, wan), public=(PUBLIC, CLIENT_PORT)))
     return scenario
 
 
 def plain(name, lan, wan):
-    scenario = Scenario(name, inside(lan) + outside(wan))
+    scenario = Scenario(name, inside(lan) + outside(wan), ports=(lan.port, wan.port))
     Conversation(scenario, *client_and_server(lan, wan)).talk_udp()
     return scenario
 
@@ -30,10 +30,7 @@ def plain(name, lan, wan):
 def forwarded():
     """A server inside that is reached by the router's own address and another port."""
     lan, wan = lan_port(), wan_port()
-    forward = {"device": "wan0", "protocol": "udp", "port": PUBLIC_PORT,
-               "to": f"{CLIENT}:{CLIENT_PORT}"}
-    scenario = Scenario("forward-udp", inside(lan) + outside(wan), masquerade=["wan0"],
-                        forwards=[forward])
+    scenario = Scenario("forward-udp", inside(lan) + outside(wan) + ["nat@wan0", "port-forward"])
     Conversation(scenario, Host(wan, SERVER, SERVER_PORT), Host(lan, CLIENT, CLIENT_PORT),
                  exposed=(PUBLIC, PUBLIC_PORT)).talk_udp()
     return scenario

@@ -4,13 +4,14 @@
 The expected frames are those of a run with the fast path on. They are built here, never by the
 router. A scenario becomes a folder:
 
-    router.toml       the configuration
     in-PORT.pcap      what the port receives
     out-PORT.pcap     what the port must send
     slow-PORT.pcap    the same with the fast path off, where that is not the same
-    scenario.json     the verdict on each received frame, and how the slow run may differ
+
+and a line of scenarios.toml: of which pieces (../routers.toml) the router is made, the verdicts on
+the received frames, and whether the slow run may send them in any order.
 """
-import json
+import itertools
 
 from scapy.utils import PcapWriter
 
@@ -18,36 +19,13 @@ DLT_EN10MB, DLT_RAW = 1, 101
 STEP = 0.01
 
 
-def toml_value(value):
-    if isinstance(value, bool):
-        return "true" if value else "false"
-    return json.dumps(value)
-
-
-def toml(tables, nat):
-    text = "# SPDX-License-Identifier: GPL-2.0-only\n"
-    for title, values in tables:
-        text += f"[[{title}]]\n" + "".join(f"{key} = {toml_value(value)}\n"
-                                           for key, value in values.items()) + "\n"
-    masquerade, forwards = nat
-    if masquerade:
-        text += f"[nat]\nmasquerade = {toml_value(masquerade)}\n\n"
-    for values in forwards:
-        text += "[[nat.forward]]\n" + "".join(f"{key} = {toml_value(value)}\n"
-                                              for key, value in values.items()) + "\n"
-    return text.rstrip("\n") + "\n"
-
-
 class Scenario:
     """Frames are given in the order in which they are received."""
 
-    def __init__(self, name, tables, masquerade=(), forwards=(), slow_order="same"):
-        self.name, self.tables = name, tables
-        self.nat = (list(masquerade), list(forwards))
-        self.about = {"slow_order": slow_order, "verdicts": []}
-        self.ports = {values["name"]: DLT_RAW if values["type"] == "rawip" else DLT_EN10MB
-                      for title, values in tables
-                      if title == "device" and values["type"] in ("port", "rawip")}
+    def __init__(self, name, router, ports=("lan0", "wan0"), slow_order="same"):
+        self.name, self.router, self.slow_order = name, router, slow_order
+        self.verdicts = []
+        self.ports = {port: DLT_RAW if port.startswith("tun") else DLT_EN10MB for port in ports}
         self.inputs = {port: [] for port in self.ports}
         self.outputs = {port: [] for port in self.ports}
         self.slow_outputs = {}
@@ -56,7 +34,7 @@ class Scenario:
     def receives(self, port, frame, verdict):
         """The next frame, a step later than the one before."""
         self.inputs[port].append((self.time, bytes(frame)))
-        self.about["verdicts"].append(verdict)
+        self.verdicts.append(verdict)
         self.time = round(self.time + STEP, 6)
 
     def sends(self, port, frame):
@@ -74,11 +52,16 @@ class Scenario:
     def waits(self, seconds):
         self.time = round(self.time + seconds, 6)
 
+    def line(self):
+        verdicts = ", ".join(f"{len(list(same))} {verdict}"
+                             for verdict, same in itertools.groupby(self.verdicts))
+        order = "" if self.slow_order == "same" else f', slow_order = "{self.slow_order}"'
+        return (f'{self.name} = {{router = "{" ".join(self.router)}", verdicts = "{verdicts}"'
+                f'{order}}}\n')
+
     def write(self, root):
         folder = root / self.name
         folder.mkdir(parents=True, exist_ok=True)
-        (folder / "router.toml").write_text(toml(self.tables, self.nat))
-        (folder / "scenario.json").write_text(json.dumps(self.about, indent=1) + "\n")
         for prefix, captures in (("in", self.inputs), ("out", self.outputs),
                                  ("slow", self.slow_outputs)):
             for port, frames in captures.items():

@@ -2,14 +2,14 @@
 """PPPoE, L2TP and PPTP, each in and out, on what they can stand on."""
 from links import Pppoe
 from networks import (LAN_SESSION, TUNNEL_OWN, WAN_SESSION, CLIENT_PORT, inside, l2tp, lan_links,
-                      lan_port, outside, pptp, through_tunnel, wan_links, wan_port)
+                      lan_port, pptp, wan_links, wan_port)
 from conversation import Conversation
 from routed import client_and_server, translated
 from scenario import Scenario
 
 
 def tunnelled(name, lan, tunnel, tcp=False):
-    scenario = Scenario(name, inside(lan) + through_tunnel(tunnel), masquerade=[tunnel.device])
+    scenario = Scenario(name, inside(lan) + tunnel.pieces + [f"nat@{tunnel.device}"])
     conversation = Conversation(scenario, *client_and_server(lan, tunnel),
                                 public=(TUNNEL_OWN, CLIENT_PORT))
     conversation.talk_tcp() if tcp else conversation.talk_udp()
