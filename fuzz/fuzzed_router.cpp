@@ -25,7 +25,7 @@ constexpr unsigned rounds_to_ripen = 25;
 
 /// What leaves is whole enough to be put on a link.
 int look_and_free(sk_buff* skb, net_device* dev) {
-  const bool raw = (dev->flags & IFF_POINTOPOINT) != 0;
+  const bool raw = (read_once(dev->flags) & IFF_POINTOPOINT) != 0;
   const u32 least = raw ? wire::ipv4_min_length : wire::ethernet_length;
   if (skb_headlen(skb) != skb->len || skb->len < least) fail("a frame was sent that is none");
   const u32 link = raw ? 0 : wire::tagged_ethernet_length;

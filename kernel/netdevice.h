@@ -4,7 +4,8 @@
 //
 // A device is made by alloc_netdev(), appears under its name and index with register_netdevice(),
 // and is freed an RCU grace period after unregister_netdevice(). Registration and the up flag
-// change in process context; the other fields do not change while it is registered.
+// change in process context, the flag while others look: read `flags` with read_once(). The other
+// fields do not change while it is registered.
 #pragma once
 
 #include "kernel/atomic.h"

@@ -1,13 +1,25 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // Read sides and grace periods are liburcu's. The queue of deferred calls is kept here, because its
-// own is invisible to ThreadSanitizer: what a reader did before it left must be seen to happen
-// before the call that frees.
+// own is invisible to ThreadSanitizer.
+//
+// What that sanitizer sees: the library is not built with it, so its waiting for readers is no
+// synchronisation to the sanitizer, and every free after a grace period would be a race with the
+// readers that it waited for. Nor may its inlined read sides be compiled here then: their half of
+// the handshake (the reader's counter, and the futex word by which the last reader wakes the
+// waiter) would be seen, the library's half not. So in such builds the read sides are the library's
+// functions too, and what a grace period means is said in our own words: leaving a read side is a
+// release and the end of a grace period an acquire of one token. No reader acquires it, so readers
+// are not ordered against each other, nor a writer against a reader that it has not waited for: a
+// missing grace period is still a race. Nothing has to be suppressed.
+//
+// The token says a little too much: it also orders readers that came after the grace period had
+// begun. They cannot have seen what was taken away before.
 #include "kernel/rcupdate.h"
+#include "kernel/sanitizers.h"
 
-// After our own header: this one defines macros with names of ours.
-// Its read sides are inlined, but not where ThreadSanitizer would see half of what they do.
-#ifndef __SANITIZE_THREAD__
+// After our own headers: this one defines macros with names of ours.
+#ifndef HOSTED_TSAN
 #define _LGPL_SOURCE
 #endif
 #include <urcu/urcu-memb.h>
@@ -17,7 +29,7 @@
 #include <mutex>
 #include <thread>
 
-#ifdef __SANITIZE_THREAD__
+#ifdef HOSTED_TSAN
 #include <sanitizer/tsan_interface.h>
 #endif
 
@@ -27,13 +39,13 @@ namespace {
 [[maybe_unused]] constinit char grace_period_token = 0;
 
 inline void reader_leaves() noexcept {
-#ifdef __SANITIZE_THREAD__
+#ifdef HOSTED_TSAN
   __tsan_release(&grace_period_token);
 #endif
 }
 
 inline void readers_have_left() noexcept {
-#ifdef __SANITIZE_THREAD__
+#ifdef HOSTED_TSAN
   __tsan_acquire(&grace_period_token);
 #endif
 }

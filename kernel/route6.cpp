@@ -63,7 +63,8 @@ rt6_info* ip6_route_output(const flowi6* flow) noexcept {
 
 const wire::in6_addr* rt6_nexthop(const rt6_info* rt, const wire::in6_addr* daddr) noexcept {
   const net_device* dev = rt->dst.dev;
-  const bool addressless = dev != nullptr && (dev->flags & (IFF_POINTOPOINT | IFF_LOOPBACK)) != 0;
+  const bool addressless =
+      dev != nullptr && (read_once(dev->flags) & (IFF_POINTOPOINT | IFF_LOOPBACK)) != 0;
   if (addressless) return &unspecified;
   return rt->rt6i_gateway == unspecified ? daddr : &rt->rt6i_gateway;
 }

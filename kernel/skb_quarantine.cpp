@@ -6,8 +6,9 @@
 #include <mutex>
 
 #include "kernel/checked.h"
+#include "kernel/sanitizers.h"
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef HOSTED_ASAN
 #include <sanitizer/asan_interface.h>
 #endif
 
@@ -36,14 +37,14 @@ tag* tag_of(const sk_buff* skb) noexcept {
 
 void poison([[maybe_unused]] tag* t) noexcept {
   std::memset(t + 1, freed_fill, t->size);
-#ifdef __SANITIZE_ADDRESS__
+#ifdef HOSTED_ASAN
   ASAN_POISON_MEMORY_REGION(t + 1, t->size);
 #endif
 }
 
 /// Lets a block go that was kept, after a look whether somebody wrote to it.
 void release(tag* t) noexcept {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef HOSTED_ASAN
   ASAN_UNPOISON_MEMORY_REGION(t + 1, t->size);
 #endif
   const u8* bytes = reinterpret_cast<const u8*>(t + 1);

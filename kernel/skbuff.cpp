@@ -11,6 +11,7 @@
 #include "kernel/account.h"
 #include "kernel/printk.h"
 #include "kernel/route.h"
+#include "kernel/sanitizers.h"
 #include "kernel/skb_quarantine.h"
 #include "kernel/slab.h"
 
@@ -18,7 +19,7 @@ using hosted::account::kind;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(HOSTED_ASAN) || defined(HOSTED_TSAN)
 constexpr bool sanitized = true;
 #else
 constexpr bool sanitized = false;

@@ -15,7 +15,7 @@ constexpr u8 default_hop_limit = 64;
 
 /// A link with two ends has no addresses to ask for.
 ip_address next_hop_on(const net_device* dev, const wire::in6_addr& to) noexcept {
-  return (dev->flags & IFF_POINTOPOINT) != 0 ? wire::in6_addr{} : to;
+  return (read_once(dev->flags) & IFF_POINTOPOINT) != 0 ? wire::in6_addr{} : to;
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ void count_vlan_input(const sk_buff* skb, const passage& way) {
 }
 
 void fit_to_device(vok_handle* ci, sk_buff* skb, const frame& f, const passage& way, nf_conn* ct) {
-  if ((skb->dev->flags & IFF_POINTOPOINT) != 0) {
+  if ((read_once(skb->dev->flags) & IFF_POINTOPOINT) != 0) {
     skb_pull(skb, wire::ethernet_length);
     skb->protocol = wire::htons(type_of(f.ip));
   } else if (is_vlan_dev(skb->dev) && skb->dev == way.sendif) {

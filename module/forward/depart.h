@@ -29,11 +29,12 @@ void fit_to_device(vok_handle* ci, sk_buff* skb, const frame& f, const passage& 
 template <typename Entry>
 inline fate depart(vok_handle* ci, sk_buff* skb, frame f, const Entry& entry) {
   const net_device* dev = skb->dev;
-  if ((dev->flags & IFF_UP) == 0) return fate::drop;
+  const u32 flags = read_once(dev->flags);
+  if ((flags & IFF_UP) == 0) return fate::drop;
   if (f.tci >= first_meaningful_tci) [[unlikely]]
     count_vlan_input(skb, passage_of(entry));
   skb->priority = f.priority;
-  if ((dev->flags & IFF_POINTOPOINT) != 0 || is_vlan_dev(dev)) [[unlikely]] {
+  if ((flags & IFF_POINTOPOINT) != 0 || is_vlan_dev(dev)) [[unlikely]] {
     fit_to_device(ci, skb, frame(f), passage_of(entry), entry.ct);
   }
   skb->nfctinfo = entry.dir == IP_CT_DIR_REPLY ? IP_CT_ESTABLISHED_REPLY : IP_CT_ESTABLISHED;

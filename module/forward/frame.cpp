@@ -56,7 +56,8 @@ fate classify_tagged(sk_buff* skb, frame* f) {
 /// A packet that starts with its IP header gets the 14 bytes that the rest of the path counts on;
 /// its type bytes are written into the headroom, the addresses follow with the rewrite.
 fate classify_point_to_point(sk_buff* skb, frame* f) {
-  if (skb->dev == nullptr || (skb->dev->flags & IFF_POINTOPOINT) == 0) return fate::unknown_type;
+  if (skb->dev == nullptr || (read_once(skb->dev->flags) & IFF_POINTOPOINT) == 0)
+    return fate::unknown_type;
   if (skb_headroom(skb) < pushed_headroom) return fate::no_headroom;
   const u8 version = ip_version(skb->data[0]);
   if (version != 4 && version != 6) return fate::version_mismatch;

@@ -8,7 +8,7 @@ namespace {
 
 void sent_by_recorded_device(const sk_buff* skb, const passage& way) {
   net_device* dev = read_once(way.ext->dev);
-  if (dev != nullptr && (dev->flags & IFF_POINTOPOINT) != 0) ppp_txstats_upd(dev, skb);
+  if (dev != nullptr && (read_once(dev->flags) & IFF_POINTOPOINT) != 0) ppp_txstats_upd(dev, skb);
 }
 
 /// A re-labelled frame stays in PPP and counts once: on the input side when the kernel has marked

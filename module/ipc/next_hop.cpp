@@ -28,13 +28,13 @@ namespace {
 /// The address whose neighbour entry is the next hop's; devices without addresses of their own
 /// keep one entry, under address 0.
 [[nodiscard]] u32 neighbour_key(const rtable* route, u32 destination) {
-  if ((route->dst.dev->flags & (IFF_LOOPBACK | IFF_POINTOPOINT)) != 0) return 0;
+  if ((read_once(route->dst.dev->flags) & (IFF_LOOPBACK | IFF_POINTOPOINT)) != 0) return 0;
   const u32 gateway = rt_next_hop(route);
   return gateway != 0 ? gateway : destination;
 }
 
 [[nodiscard]] bool is_usable(const neighbour* neigh, const net_device* dev) {
-  const bool point_to_point = (dev->flags & IFF_POINTOPOINT) != 0;
+  const bool point_to_point = (read_once(dev->flags) & IFF_POINTOPOINT) != 0;
   const u8 accepted = point_to_point ? NUD_VALID : static_cast<u8>(NUD_VALID & ~NUD_NOARP);
   return (read_once(neigh->nud_state) & accepted) != 0;
 }

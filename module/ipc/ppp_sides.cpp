@@ -7,7 +7,7 @@ namespace {
 /// False when the device should have a channel and has none.
 [[nodiscard]] bool ask_channel(net_device* dev, ppp_conn_info* info) {
   info->type = static_cast<u8>(ppp_channel_type::none);
-  return (dev->flags & IFF_POINTOPOINT) == 0 || ppp_get_conn_pkt_info(dev, info) == 0;
+  return (read_once(dev->flags) & IFF_POINTOPOINT) == 0 || ppp_get_conn_pkt_info(dev, info) == 0;
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ namespace {
                                   ipc_entry* entry, tunnel_carrier carrier) {
   net_device* dev = route->dst.dev;
   if (dev == nullptr) return false;
-  if ((dev->flags & IFF_POINTOPOINT) == 0) {
+  if ((read_once(dev->flags) & IFF_POINTOPOINT) == 0) {
     return take_addresses_of_next_hop(skb, route, destination, entry);
   }
   return carrier == tunnel_carrier::any && take_addresses_of_session(dev, entry);

@@ -37,7 +37,7 @@ void remember_device(vok_ct_ext* ext, net_device* input, net_device* output) {
   if (ext->dev != nullptr) return;
   if (is_vlan_dev(input) && vlan_dev_vlan_id(input) >= first_real_vlan_id) {
     write_once(ext->dev, input);
-  } else if ((output->flags & IFF_POINTOPOINT) != 0) {
+  } else if ((read_once(output->flags) & IFF_POINTOPOINT) != 0) {
     write_once(ext->dev, output);
   }
 }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "kernel/sanitizers.h"
 #include "ports/capture_file.h"
 
 namespace tarvelo::test {
@@ -18,7 +19,7 @@ namespace {
 constexpr s64 nanoseconds_per_microsecond = 1000;
 
 /// Sanitizers open files to find out what they want to know, and report faults where they cannot.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(HOSTED_ASAN) || defined(HOSTED_TSAN)
 constexpr bool is_sanitized = true;
 #else
 constexpr bool is_sanitized = false;

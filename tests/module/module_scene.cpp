@@ -24,7 +24,8 @@ u32 make_report(const report& r) {
     nf_conntrack_get(skb->nfct);
   }
   return in_softirq([&] {
-    kcih->_ip_conntrack_ipct_add(kcih, skb, r.hook, r.ct, r.info, r.tuple ? &*r.tuple : nullptr);
+    vok_handle* ci = rcu_dereference(kcih);
+    ci->_ip_conntrack_ipct_add(ci, skb, r.hook, r.ct, r.info, r.tuple ? &*r.tuple : nullptr);
     const u32 flags = skb->fast_flags;
     kfree_skb(skb);
     return flags;
@@ -34,7 +35,7 @@ u32 make_report(const report& r) {
 fate offer(const bytes& frame, net_device* dev, u32 headroom) {
   sk_buff* skb = make_skb(frame, dev, headroom);
   return in_softirq([&] {
-    const fate result = forward_frame(kcih, skb);
+    const fate result = forward_frame(rcu_dereference(kcih), skb);
     if (is_handed_back(result)) {
       EXPECT_FRAME_EQ(bytes_of(skb), frame);
       EXPECT_EQ(skb_headroom(skb), headroom);

@@ -18,7 +18,7 @@ void report_and_free(nf_conntrack* nfct) {
   nf_conn* ct = nf_ct_of(nfct);
   nf_ct_set_status(ct, IPS_DYING);
   rcu_read_lock();
-  if (vok_handle* handle = read_once(kcih)) {
+  if (vok_handle* handle = rcu_dereference(kcih)) {
     (void)handle->_ip_conntrack_ipct_delete(handle, ct);
     if (ct->vok_ext != nullptr) (void)handle->_vok_nf_conntrack_ext_free(ct);
   }
@@ -49,7 +49,7 @@ tracked_connection::tracked_connection(const nf_conntrack_tuple& original,
                                        const nf_conntrack_tuple& reply)
     : ct_(nf_conntrack_alloc()) {
   if (ct_ == nullptr) throw std::bad_alloc();
-  nf_ct_destroy = &report_and_free;
+  write_once(nf_ct_destroy, &report_and_free);
   ct_->tuple[IP_CT_DIR_ORIGINAL] = original;
   ct_->tuple[IP_CT_DIR_REPLY] = reply;
   ct_->tuple[IP_CT_DIR_REPLY].dst.dir = IP_CT_DIR_REPLY;
@@ -59,7 +59,7 @@ tracked_connection::tracked_connection(const nf_conntrack_tuple& original,
   setup_timer(&ct_->timeout, &expired, 0);
   ct_->timeout.expires = jiffies + lifetime;
   add_timer(&ct_->timeout);
-  if (vok_handle* handle = read_once(kcih)) {
+  if (vok_handle* handle = rcu_dereference(kcih)) {
     if (handle->_vok_nf_conntrack_ext_alloc(ct_) != 0) throw std::bad_alloc();
   }
 }

@@ -1,0 +1,291 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// The module alone, without the stack's lock that keeps adds, ends and sweeps apart: all of its
+// operations at once on the same few connections and hosts, and at last its unloading.
+#include <array>
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <tuple>
+
+#include "kernel/proc_tree.h"
+#include "kernel/rcupdate.h"
+#include "module/brc/table.h"
+#include "module/core/counters.h"
+#include "module/ipc/table.h"
+#include "tests/concurrency/crowd.h"
+#include "tests/module/module_scene.h"
+#include "tests/support/module_invariants.h"
+
+namespace tarvelo::test {
+namespace {
+
+constexpr u8 tcp = wire::ip_protocol::tcp;
+constexpr u8 udp = wire::ip_protocol::udp;
+constexpr u16 first_port = 20000;
+constexpr std::size_t connections = 12;
+constexpr const char* guest_mac = "02:00:00:00:01:03";
+
+/// One that no two processors meet in.
+const net_device_ops* forgetting_ops() {
+  static const net_device_ops operations{.ndo_start_xmit = [](sk_buff* skb, net_device*) {
+    kfree_skb(skb);
+    return NETDEV_TX_OK;
+  }};
+  return &operations;
+}
+
+/// A connection that is ended and made again; `ct` is followed in RCU read sides.
+struct slot {
+  u8 protocol;
+  endpoint client;
+  endpoint public_end;
+  std::unique_ptr<tracked_connection> owner;
+  nf_conn* ct;
+  std::vector<bytes> there;  ///< the last two are fragments
+  bytes back;
+};
+
+unsigned any_verdict(unsigned, u8, sk_buff*) {
+  constexpr unsigned verdicts[] = {VOK_ACCEPT, VOK_DROP, VOK_ACCEPT, 3};
+  thread_local u32 calls = 0;
+  return verdicts[++calls % std::size(verdicts)];
+}
+
+class module_crowd : public module_scene {
+ protected:
+  module_crowd() {
+    // What goes to the inside leaves by a bridge, so that its entries hold on to its hosts.
+    lan->priv_flags |= IFF_EBRIDGE;
+    for (fake_device* dev : {&lan, &wan, &port})
+      (*dev)->netdev_ops = forgetting_ops();
+    hosts_[0] = host_at(host_mac, port);
+    hosts_[1] = host_at(guest_mac, wan);
+    for (const ::brc& one : hosts_)
+      EXPECT_EQ(_vok_brc_add(kcih, &one), 0);
+    for (std::size_t i = 0; i < connections; ++i)
+      prepare(slots_[i], i);
+  }
+  ~module_crowd() override { end_all(); }
+
+  [[nodiscard]] ::brc host_at(const char* address, net_device* sendif) {
+    ::brc entry = {};
+    const mac at = mac_of(address);
+    std::copy(std::begin(at.at), std::end(at.at), entry.dmac);
+    entry.bridgeID = bridge_id(lan);
+    entry.sendif = sendif;
+    entry.tag_mode = static_cast<u8>(tag_mode::untag);
+    return entry;
+  }
+
+  void prepare(slot& s, std::size_t number) {
+    const auto client_port = static_cast<u16>(first_port + number);
+    s.protocol = number % 2 == 0 ? tcp : udp;
+    s.client = {inside.address, client_port};
+    s.public_end = {translated.address, client_port};
+    s.back = packet_of(s.protocol, wan_mac, gateway_mac, peer, s.public_end).payload(8).build();
+    packet there = packet_of(s.protocol, lan_mac, host_mac, s.client, peer);
+    s.there = {there.payload(8).build()};
+    if (s.protocol == udp) {
+      packet base;
+      base.eth(lan_mac, host_mac).ipv4(s.client.address, peer.address).id(client_port);
+      s.there.push_back(packet(base).fragment(0, true).udp(client_port, peer.port).build());
+      s.there.push_back(packet(base).fragment(8, false).type(udp).payload(16).build());
+    }
+    begin(s);
+  }
+
+  static void begin(slot& s) {
+    s.owner = std::make_unique<tracked_connection>(tuple(s.protocol, s.client, peer),
+                                                   tuple(s.protocol, peer, s.public_end));
+    rcu_assign_pointer(s.ct, s.owner->get());
+  }
+  /// Whoever has a reference makes the end complete.
+  static void end(slot& s) {
+    rcu_assign_pointer(s.ct, static_cast<nf_conn*>(nullptr));
+    s.owner.reset();
+  }
+  void end_all() {
+    for (slot& s : slots_)
+      end(s);
+  }
+
+  [[nodiscard]] slot& any_slot(small_random& random) { return slots_[random() % connections]; }
+
+  void forward(small_random& random) {
+    for (int i = 0; i < 16; ++i) {
+      slot& s = any_slot(random);
+      switch (random() % 4) {
+        case 0:
+          std::ignore = offer(bridged_, port);
+          break;
+        case 1:
+          std::ignore = offer(s.back, wan);
+          break;
+        default:
+          std::ignore = offer(s.there[random() % s.there.size()], lan);
+      }
+    }
+  }
+
+  /// As tracking does: the packet has a reference on its connection.
+  void add(small_random& random) {
+    const hosted::softirq_scope softirq;
+    slot& s = any_slot(random);
+    nf_conn* ct = rcu_dereference(s.ct);
+    if (ct == nullptr || !atomic_inc_not_zero(&ct->ct_general.use)) return;
+    const bool reply = random() % 2 == 0;
+    if (reply) {
+      make_report({s.back, ct, &ct->ct_general, NF_INET_PRE_ROUTING, IP_CT_ESTABLISHED_REPLY, wan,
+                   wan, tuple(s.protocol, peer, s.client)});
+    } else {
+      make_report({s.there[0], ct, &ct->ct_general, NF_INET_POST_ROUTING, IP_CT_ESTABLISHED, wan,
+                   lan, tuple(s.protocol, s.public_end, peer)});
+    }
+    nf_conntrack_put(&ct->ct_general);
+  }
+
+  void replace(small_random& random) {
+    if (is_over_) return rest(random, 2);
+    slot& s = any_slot(random);
+    end(s);
+    begin(s);
+    rest(random, 2);
+  }
+
+  void remove(small_random& random) {
+    {
+      const hosted::softirq_scope softirq;
+      vok_handle* ci = rcu_dereference(kcih);
+      if (ci == nullptr) return;
+      net_device* const devices[] = {lan, wan, port};
+      const slot& s = any_slot(random);
+      if (random() % 4 == 0) {
+        ci->_vok_ipc_delete_by_dev(ci, devices[random() % 3]);
+      } else {
+        static_cast<void>(_vok_ipc_delete(ci, ip4(peer.address), ip4(s.public_end.address),
+                                          s.protocol, wire::htons(peer.port),
+                                          wire::htons(s.public_end.port)));
+      }
+    }
+    rest(random, 2);
+  }
+
+  void move_hosts(small_random& random) {
+    {
+      const hosted::softirq_scope softirq;
+      vok_handle* ci = rcu_dereference(kcih);
+      if (ci == nullptr) return;
+      ::brc guest = hosts_[random() % hosts_.size()];
+      switch (random() % 4) {
+        case 0:
+          _vok_brc_delete(ci, guest.dmac, guest.bridgeID);
+          break;
+        case 1:
+          guest.sendif = random() % 2 == 0 ? wan.get() : port.get();
+          _vok_brc_update(ci, &guest);
+          break;
+        case 2:
+          static_cast<void>(ci->_vok_brc_portal_change(ci, guest.dmac, 1));
+          break;
+        default:
+          static_cast<void>(_vok_brc_add(ci, &guest));
+      }
+    }
+    std::this_thread::yield();
+  }
+
+  /// What a look-up returns is good for the whole read side, whoever removes it meanwhile.
+  void look_up(small_random& random) {
+    const hosted::softirq_scope softirq;
+    vok_handle* ci = rcu_dereference(kcih);
+    if (ci == nullptr) return;
+    const slot& s = any_slot(random);
+    const ipc_entry* entry =
+        ci->_vok_ipc_lkup(ci, ip4(peer.address), ip4(s.public_end.address), s.protocol,
+                          wire::htons(peer.port), wire::htons(s.public_end.port), 0);
+    const ::brc& guest = hosts_[random() % hosts_.size()];
+    const ::brc* cached = ci->_vok_brc_lkup_brid(ci, guest.dmac, guest.bridgeID);
+    for (int i = 0; i < 3; ++i) {
+      std::this_thread::yield();
+      EXPECT_TRUE(entry == nullptr || entry->dport == wire::htons(s.public_end.port));
+      EXPECT_TRUE(entry == nullptr || entry->sendif != nullptr);
+      EXPECT_TRUE(cached == nullptr || memcmp(cached->dmac, guest.dmac, sizeof guest.dmac) == 0);
+    }
+  }
+
+  static void use_control_files(small_random& random) {
+    read_some(random() % 2 == 0 ? "vok/ipc_info" : "vok/brc_info", random);
+    if (random() % 4 == 0) static_cast<void>(proc::write_all("vok/enable", "0"));
+    read_some("vok/ipc_count", random);
+    static_cast<void>(proc::write_all("vok/enable", "1"));
+    rest(random, 2);
+  }
+
+  void hook(small_random& random) {
+    const std::scoped_lock turn(module_turn_);
+    vok_handle* ci = rcu_dereference(kcih);
+    if (ci == nullptr) return;
+    auto ops = std::make_unique<vok_hook_ops>(
+        vok_hook_ops{{}, any_verdict, nullptr, 2, random() % 4, 0, "crowd"});
+    EXPECT_EQ(ci->_vok_register_hook(ci, ops.get()), 0);
+    rest(random, 1);
+    ci->_vok_unregister_hook(ci, ops.get());
+    synchronize_rcu();
+  }
+
+  /// Nobody works: the tables are in order, and nobody holds a connection but its slot.
+  void look() {
+    ASSERT_EQ(broken_invariant(), "");
+    for (const slot& s : slots_) {
+      EXPECT_EQ(s.owner->references(), 1);
+    }
+    static_cast<void>(log.take());
+  }
+
+  void unload() {
+    const std::scoped_lock turn(module_turn_);
+    while (!module_->unload())
+      std::this_thread::yield();
+  }
+
+  fake_device port{"eth2", "02:00:00:00:01:11"};
+  const bytes bridged_ = packet_of(udp, guest_mac, host_mac, inside, peer).build();
+  std::array<::brc, 2> hosts_;
+  std::array<slot, connections> slots_{};
+  std::mutex module_turn_;
+  std::atomic<bool> is_over_{false};
+};
+
+TEST_F(module_crowd, all_operations_at_once) {
+  crowd all;
+  for (int i = 0; i < 2; ++i) {
+    all.add([this](small_random& random) { forward(random); });
+    all.add([this](small_random& random) { add(random); });
+  }
+  all.add([this](small_random& random) { replace(random); });
+  all.add([this](small_random& random) { remove(random); });
+  all.add([this](small_random& random) { move_hosts(random); });
+  all.add([this](small_random& random) { look_up(random); });
+  all.add([](small_random& random) { use_control_files(random); });
+  all.add([this](small_random& random) { hook(random); });
+  all.add([](small_random& random) {
+    pass(random() % 64 == 0 ? 10000 : 1);
+    rest(random, 1);
+  });
+  all.work_in_rounds([this] { look(); });
+  RecordProperty("routed", std::to_string(read_once(ip_packet)));
+  RecordProperty("bridged", std::to_string(read_once(bridge_packet)));
+  EXPECT_GT(read_once(ip_packet), 0U);
+  EXPECT_GT(read_once(bridge_packet), 0U);
+
+  // The stack takes all records back before the module goes; packets and readers may still come.
+  is_over_ = true;
+  end_all();
+  all.work_during([this] { unload(); });
+  EXPECT_EQ(kcih, nullptr);
+  static_cast<void>(log.take());
+}
+
+}  // namespace
+}  // namespace tarvelo::test
