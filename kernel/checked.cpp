@@ -32,6 +32,7 @@ struct thread_checks {
   unsigned read_sides;
   code_place softirq_at;
   unsigned held_before_softirq;  ///< locks that may outlive the softirq: it began inside them
+  void (*observer)(const void* lock, bool taken);
 };
 thread_local constinit thread_checks own{};
 
@@ -157,7 +158,12 @@ void checked_fault(const char* what, code_place at, code_place earlier) noexcept
   std::abort();
 }
 
+void checked_observe_locks(void (*seen)(const void* lock, bool taken)) noexcept {
+  own.observer = seen;
+}
+
 void checked_lock_acquire(const void* lock, lock_kind kind, code_place at) noexcept {
+  if (own.observer != nullptr) own.observer(lock, true);
   if (const held_lock* held = find_held(lock)) {
     checked_fault("lock taken twice by one context", at, held->at);
   }
@@ -172,6 +178,7 @@ void checked_lock_acquire(const void* lock, lock_kind kind, code_place at) noexc
 }
 
 void checked_lock_release(const void* lock, lock_kind /*kind*/, code_place at) noexcept {
+  if (own.observer != nullptr) own.observer(lock, false);
   if (find_held(lock) != nullptr) {
     drop_held(lock);
     return;

@@ -25,6 +25,9 @@ enum class lock_kind : u8 {
 extern "C" {
 void checked_lock_acquire(const void* lock, lock_kind kind, code_place at) noexcept;
 void checked_lock_release(const void* lock, lock_kind kind, code_place at) noexcept;
+/// For tests: `seen` is told of each lock that the calling thread takes and lets go, just before it
+/// does; null for nobody. It takes no locks itself. Checked builds only.
+void checked_observe_locks(void (*seen)(const void* lock, bool taken)) noexcept;
 /// Forgets a lock whose memory is about to be freed or used for another lock.
 void checked_lock_forget(const void* lock, code_place at) noexcept;
 /// Ends the program when the caller may not sleep.

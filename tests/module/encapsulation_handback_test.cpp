@@ -154,6 +154,16 @@ TEST_F(unwrapped, short_tunnel_frames_are_not_looked_into) {
   EXPECT_EQ(with_payload(6).size(), 81U);
   EXPECT_EQ(offer(with_payload(6), lan), fate::truncated);
   EXPECT_EQ(offer(with_payload(7), lan), fate::forward);
+
+  // Shorter ones of L2TP are plain UDP, of a flow that is not cached.
+  const auto message = [](std::size_t length) {
+    packet p = tunnel_outer();
+    p.udp(1, 2).no_checksum().l2tp(0x0002, 1, 2).ppp();
+    return p.ipv4(inside.address, peer.address).udp(inside.port, peer.port).payload(length).build();
+  };
+  EXPECT_EQ(message(6).size(), 86U);
+  EXPECT_EQ(offer(message(6), lan), fate::no_entry);
+  EXPECT_EQ(offer(message(7), lan), fate::encapsulation);
 }
 
 class too_big : public ppp_scene {};

@@ -98,16 +98,6 @@ TEST_P(every_way, is_accounted_once) {
   }
 }
 
-TEST_P(every_way, is_handed_back_at_every_truncation) {
-  const bytes whole = offered(tagged());
-  for (std::size_t length = 0; length < whole.size(); ++length) {
-    const bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));
-    EXPECT_TRUE(is_handed_back(offer(cut, lan))) << length;
-  }
-  EXPECT_EQ(ct.references(), 1);
-  EXPECT_EQ(ip_packet, 0U);
-}
-
 /// Whatever comes out is a decision, not an accident.
 TEST_P(every_way, survives_every_flipped_bit) {
   const bytes good = offered(tagged(), 4);

@@ -129,9 +129,11 @@ TEST_F(removal, keeps_the_rest_of_a_chain_linked) {
 
 TEST_F(removal, orphans_what_ends_while_switched_off) {
   auto gone = connect(1000);
+  const ipc_entry* left = entry_of(1000);
   EXPECT_EQ(proc::write_all("vok/enable", "0"), 1);
   gone.reset();
   EXPECT_EQ(count(), 2);
+  EXPECT_EQ(left->ct, nullptr);
   EXPECT_EQ(entry_of(1000), nullptr);
   EXPECT_EQ(offer(packet_of(tcp, lan_mac, host_mac, {inside.address, 1000}, peer).build(), lan),
             fate::no_entry);

@@ -60,9 +60,8 @@ int fake_device::start_xmit(sk_buff* skb, net_device* dev) {
 
 sk_buff* make_skb(const bytes& frame, net_device* dev, u32 headroom) {
   const auto length = static_cast<u32>(frame.size());
-  // Room behind the data, for what a slow path may append.
-  constexpr u32 tailroom = 64;
-  sk_buff* skb = alloc_skb(headroom + length + tailroom, GFP_ATOMIC);
+  // No room behind the data: a checked build sees who reads there.
+  sk_buff* skb = alloc_skb(headroom + length, GFP_ATOMIC);
   if (skb == nullptr) throw std::bad_alloc();
   skb_reserve(skb, headroom);
   u8* to = skb_put(skb, length);
