@@ -8,6 +8,7 @@
 #pragma once
 
 #include <bit>
+#include <type_traits>
 
 #include "kernel/types.h"
 
@@ -47,7 +48,15 @@ class big_endian {
   }
 
   [[nodiscard]] constexpr Word host() const noexcept { return swap_bytes(raw()); }
-  [[nodiscard]] constexpr Word raw() const noexcept { return std::bit_cast<Word>(bytes_); }
+  /// At run time by memcpy: AddressSanitizer sees its read of the packet, and not bit_cast's.
+  [[nodiscard]] constexpr Word raw() const noexcept {
+    if (std::is_constant_evaluated()) {
+      return std::bit_cast<Word>(bytes_);
+    }
+    Word stored;
+    __builtin_memcpy(&stored, &bytes_, sizeof(stored));
+    return stored;
+  }
 
   friend constexpr bool operator==(const big_endian& a, const big_endian& b) noexcept {
     return a.raw() == b.raw();

@@ -21,7 +21,7 @@ struct frag_key_v6 {
 };
 
 /// Mixes the stored words; the cache masks the result.
-[[nodiscard]] constexpr u32 frag_hash_v6(const frag_key_v6& key) {
+[[nodiscard]] inline u32 frag_hash_v6(const frag_key_v6& key) {
   const u32 source = folded(key.saddr);
   const u32 destination = folded(key.daddr);
   const u32 addresses = source ^ destination ^ (source >> 8) ^ (destination >> 16);

@@ -4,19 +4,15 @@
 // and hashed as the words that they are stored in.
 #pragma once
 
-#include <bit>
-
 #include "kernel/wire/ip.h"
 
 namespace tarvelo {
 
 /// The stored words of an address, folded into one.
-[[nodiscard]] constexpr u32 folded(const wire::in6_addr& address) {
-  struct words {
-    u32 at[sizeof(wire::in6_addr) / sizeof(u32)];
-  };
-  const auto stored = std::bit_cast<words>(address);
-  return stored.at[0] ^ stored.at[1] ^ stored.at[2] ^ stored.at[3];
+[[nodiscard]] inline u32 folded(const wire::in6_addr& address) {
+  u32 stored[sizeof(address) / sizeof(u32)];
+  __builtin_memcpy(stored, &address, sizeof(stored));
+  return stored[0] ^ stored[1] ^ stored[2] ^ stored[3];
 }
 
 /// By blocks: a comparison of the address types goes byte by byte.

@@ -24,7 +24,7 @@ struct flow_key_v6 {
 };
 
 /// Mixes the stored words: shifting the fold is folding the shifted words.
-[[nodiscard]] constexpr u32 ipc_v6_bucket(const flow_key_v6& key) {
+[[nodiscard]] inline u32 ipc_v6_bucket(const flow_key_v6& key) {
   const u32 source = folded(key.sip);
   const u32 destination = folded(key.dip);
   u32 hash = source ^ destination ^ (source >> 8) ^ (destination >> 16);
