@@ -26,6 +26,16 @@ inline void atomic_dec(atomic_t* v) noexcept {
   __atomic_fetch_sub(&v->counter, 1, __ATOMIC_RELAXED);
 }
 
+/// Change some bits of a word whose others somebody else may be changing.
+///@{
+inline void atomic_set_mask(u32 mask, u32* word) noexcept {
+  __atomic_fetch_or(word, mask, __ATOMIC_RELAXED);
+}
+inline void atomic_clear_mask(u32 mask, u32* word) noexcept {
+  __atomic_fetch_and(word, ~mask, __ATOMIC_RELAXED);
+}
+///@}
+
 [[nodiscard]] inline s32 atomic_inc_return(atomic_t* v) noexcept {
   return __atomic_add_fetch(&v->counter, 1, __ATOMIC_SEQ_CST);
 }

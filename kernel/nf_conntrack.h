@@ -182,7 +182,7 @@ inline void nf_conntrack_put(nf_conntrack* nfct, code_place at = code_place::her
 }
 
 inline void nf_ct_set_status(nf_conn* ct, u32 bits) noexcept {
-  __atomic_fetch_or(&ct->status, bits, __ATOMIC_RELAXED);
+  atomic_set_mask(bits, &ct->status);
 }
 
 static_assert(offsetof(nf_conn, ct_general) == 0);

@@ -168,7 +168,7 @@ connection* connection_tracker::state::begin(const tracked_packet& packet, const
   ct->helper = rules.helper_of(packet.tuple);
   if (live) fast_path_attach(ct);
   if (ct->vok_ext != nullptr && rules.stays_slow(packet.tuple)) {
-    ct->vok_ext->flags |= ct_ext_flag::never_add;
+    atomic_set_mask(ct_ext_flag::never_add, &ct->vok_ext->flags);
   }
   return c;
 }

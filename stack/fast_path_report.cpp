@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "stack/fast_path_report.h"
 
+#include "kernel/atomic.h"
 #include "stack/published_handle.h"
 #include "tarvelo/ct_ext.h"
 
 namespace tarvelo::stack {
 namespace {
 
-void clear_flags(vok_ct_ext* ext, u32 bits) noexcept {
-  __atomic_fetch_and(&ext->flags, ~bits, __ATOMIC_RELAXED);
-}
-
+/// The module may be writing another device there just now, which is to stay.
 void clear_device(net_device*& slot, const net_device* dev) noexcept {
-  if (read_once(slot) == dev) write_once(slot, static_cast<net_device*>(nullptr));
+  auto* unwanted = const_cast<net_device*>(dev);
+  __atomic_compare_exchange_n(&slot, &unwanted, static_cast<net_device*>(nullptr), false,
+                              __ATOMIC_RELAXED, __ATOMIC_RELAXED);
 }
 
 }  // namespace
@@ -36,7 +36,7 @@ void fast_path_take_off(nf_conn* ct) noexcept {
   const published_handle handle;
   if (!handle) return;
   handle->_ip_conntrack_ipct_delete(handle.get(), ct);
-  clear_flags(ct->vok_ext, ct_ext_flag::direction_marks);
+  atomic_clear_mask(ct_ext_flag::direction_marks, &ct->vok_ext->flags);
 }
 
 void fast_path_report(sk_buff* skb, nf_inet_hooks hook,

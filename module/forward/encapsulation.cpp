@@ -41,7 +41,7 @@ void choose_vlan(const passage& way, wrapping_plan* plan) {
   if (!is_vlan_dev(way.sendif)) return;
   const vok_ct_ext_vlan& slot = way.ext->vlan[way.dir];
   plan->vlan_below = read_once(slot.real_dev);
-  plan->vid = slot.vid;
+  plan->vid = read_once(slot.vid);
 }
 
 [[nodiscard]] u32 built_length(const passage& way, bool acknowledges) {

@@ -56,7 +56,7 @@ void _vok_add_vlan_tag(vok_handle* ci, sk_buff* skb, nf_conn* ct) {
   if (skb_headroom(skb) < wire::vlan_tag_length) return;
 
   if (is_vlan_dev(skb->dev)) dev_count_tx(skb->dev, skb->len);
-  insert_tag(skb, tag_control(slot->vid, skb->priority));
+  insert_tag(skb, tag_control(read_once(slot->vid), skb->priority));
   skb->fast_flags |= fast_flag::tag_written;
   vok_skb_reset_mac_header(skb);
   skb->dev = real_dev;

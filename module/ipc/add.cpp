@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/ipc/add.h"
 
+#include "kernel/atomic.h"
 #include "kernel/jiffies.h"
 #include "kernel/printk.h"
 #include "module/brc/table.h"
@@ -74,7 +75,8 @@ void set_translation(ipc_entry* entry, const add_report& report) {
 void mark_added(const admitted& packet, const way_out& out) {
   vok_ct_ext* ext = packet.ext;
   remember_vlan(ext, packet.direction, out);
-  write_once(ext->flags, read_once(ext->flags) | ct_ext_flag::ever_added | packet.marks);
+  // The kernel sets and clears its own marks in the same word, without the table's lock.
+  atomic_set_mask(ct_ext_flag::ever_added | packet.marks, &ext->flags);
 }
 
 /// False when the key is taken.

@@ -34,7 +34,7 @@ bool find_way_out(net_device* dev, const u8* dmac, way_out* out) {
 }
 
 void remember_device(vok_ct_ext* ext, net_device* input, net_device* output) {
-  if (ext->dev != nullptr) return;
+  if (read_once(ext->dev) != nullptr) return;
   if (is_vlan_dev(input) && vlan_dev_vlan_id(input) >= first_real_vlan_id) {
     write_once(ext->dev, input);
   } else if ((read_once(output->flags) & IFF_POINTOPOINT) != 0) {
@@ -44,7 +44,7 @@ void remember_device(vok_ct_ext* ext, net_device* input, net_device* output) {
 
 void remember_vlan(vok_ct_ext* ext, ip_conntrack_dir direction, const way_out& out) {
   if (out.real_dev == nullptr) return;
-  ext->vlan[direction].vid = out.vid;
+  write_once(ext->vlan[direction].vid, out.vid);
   write_once(ext->vlan[direction].real_dev, out.real_dev);
 }
 

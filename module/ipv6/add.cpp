@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "module/ipv6/add.h"
 
+#include "kernel/atomic.h"
 #include "kernel/route6.h"
 #include "module/brc/table.h"
 #include "module/core/memory.h"
@@ -81,7 +82,8 @@ namespace {
   const bool fresh = find_flow(ci, ipv6_connections::key_of(*entry)) == nullptr;
   if (fresh) {
     insert_flow(ci, entry);
-    write_once(ext->flags, read_once(ext->flags) | ct_ext_flag::ever_added);
+    // The kernel sets and clears its own marks in the same word, without the table's lock.
+    atomic_set_mask(ct_ext_flag::ever_added, &ext->flags);
   }
   spin_unlock_bh(ci->ipc_v6_lock);
   return fresh;
