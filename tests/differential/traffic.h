@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// Traffic drawn by lot for a network: connections between its hosts, some of them translated, all
+// of them at the same time, and frames that cross the bridge. A connection first becomes ripe for
+// the fast path; then all that can be about a packet is mixed into it. The same seed gives the same
+// frames.
+#pragma once
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "tests/differential/network.h"
+
+namespace tarvelo::test {
+
+/// What is special about a packet, as a report names it.
+struct peculiarity {
+  const char* name = "plain";
+  /// The stack refuses it, but the fast path does not look: hop counts, checksums, the order of
+  /// TCP flags and lengths behind the IP header are for the receiver.
+  bool unchecked = false;
+};
+
+struct step {
+  u32 at;  ///< milliseconds since the first
+  std::string port;
+  bytes frame;
+  u32 flow;
+  u32 datagram;  ///< fragments have it in common
+  peculiarity what;
+};
+
+/// One direction of a flow, as its packets come in.
+struct flow_side {
+  const far_end* from;
+  const far_end* to;
+  std::string source, destination;
+  u16 source_port, destination_port;
+  u32 sequence;
+};
+
+struct flow {
+  bool bridged, ipv6, tcp;
+  flow_side side[2];
+  unsigned sent, packets;    ///< so far, and in all
+  std::deque<step> waiting;  ///< the rest of a fragmented datagram
+
+  [[nodiscard]] std::string name() const;
+};
+
+struct traffic {
+  /// `count` connections.
+  traffic(u32 seed, unsigned count);
+  traffic(const traffic&) = delete;
+  traffic& operator=(const traffic&) = delete;
+
+  small_random random;
+  network net{random};
+  std::vector<flow> flows;
+  std::vector<step> steps;
+
+ private:
+  void add_flow();
+  void add_bridged_flow();
+  void introduce_hosts();
+  void send(u32 flow_number);
+  [[nodiscard]] packet begin(const flow& f, const flow_side& s);
+  void add_step(u32 flow_number, const flow_side& s, const bytes& frame, peculiarity what);
+  void send_packet(u32 flow_number, unsigned direction);
+  void send_bridged(u32 flow_number, unsigned direction);
+  [[nodiscard]] peculiarity make_peculiar(const flow& f, const flow_side& s, packet& p);
+  void send_fragments(u32 flow_number, const flow_side& s);
+  void send_waiting(flow& f);
+  [[nodiscard]] u32 payload_for(const flow& f, const flow_side& s);
+
+  u32 now_ = 0;
+  u32 datagrams_ = 0;
+};
+
+}  // namespace tarvelo::test
