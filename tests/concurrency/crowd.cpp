@@ -1,17 +1,34 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "tests/concurrency/crowd.h"
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <atomic>
 #include <thread>
 
 #include "kernel/context.h"
+#include "kernel/fast_path.h"
 #include "kernel/proc_tree.h"
 
 namespace tarvelo::test {
 namespace {
 
-constexpr std::chrono::milliseconds round_time{150};
+using clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds round_time{100};
+
+[[nodiscard]] u32 cached() {
+  return kcih->ipc_count + kcih->ipc_v6_count;
+}
+
+void end_in_peace(const ending& way) {
+  const u32 before = cached();
+  ASSERT_NE(before, 0U);
+  way.happen();
+  EXPECT_EQ(cached() == 0, way.leaves == left::nothing);
+  EXPECT_EQ(cached() == before, way.leaves == left::all);
+}
 
 }  // namespace
 
@@ -33,12 +50,30 @@ void crowd::work_during(const std::function<void()>& deed) {
     thread.join();
 }
 
-void crowd::work_in_rounds(const std::function<void()>& look) {
-  const auto end = std::chrono::steady_clock::now() + crowd_time();
-  while (std::chrono::steady_clock::now() < end) {
-    work_during([] { std::this_thread::sleep_for(round_time); });
-    look();
-  }
+void crowd::end_while_all_work(const ending& way) {
+  work_during([&way] {
+    const auto end = clock::now() + round_time;
+    do {
+      if (!way.only_in_peace) way.happen();
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    } while (clock::now() < end);
+  });
+}
+
+void crowd::work_in_rounds(const std::vector<ending>& endings, const std::function<void()>& fill,
+                           const std::function<void()>& look) {
+  const auto end = clock::now() + crowd_time();
+  do {
+    for (const ending& way : endings) {
+      SCOPED_TRACE(way.name);
+      end_while_all_work(way);
+      look();
+      fill();
+      end_in_peace(way);
+      look();
+      if (testing::Test::HasFailure()) return;
+    }
+  } while (clock::now() < end);
 }
 
 void read_some(const char* path, small_random& random) {

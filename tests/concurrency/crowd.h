@@ -16,6 +16,21 @@
 
 namespace tarvelo::test {
 
+/// What one way for connections to end leaves of the cached ones, when nobody else works.
+enum class left : unsigned char {
+  nothing,
+  some,
+  all,
+};
+
+/// A way in which connections end.
+struct ending {
+  const char* name;
+  std::function<void()> happen;
+  left leaves = left::nothing;
+  bool only_in_peace = false;  ///< not while everybody works
+};
+
 /// How long a crowd works: a few seconds, or what --seconds says.
 [[nodiscard]] std::chrono::seconds crowd_time();
 
@@ -29,10 +44,15 @@ class crowd {
   /// Everybody works until `deed` returns, which the caller does meanwhile.
   void work_during(const std::function<void()>& deed);
 
-  /// Everybody works for crowd_time(); `look` is called each time all have stopped.
-  void work_in_rounds(const std::function<void()>& look);
+  /// Everybody works for crowd_time(), while in each round connections end in another way. When all
+  /// have stopped, `fill` makes connections that end in that way once more. `look` is called before
+  /// and after.
+  void work_in_rounds(const std::vector<ending>& endings, const std::function<void()>& fill,
+                      const std::function<void()>& look);
 
  private:
+  void end_while_all_work(const ending& way);
+
   std::vector<work> workers_;
   unsigned rounds_ = 0;
 };

@@ -12,9 +12,10 @@
 #include "kernel/rcupdate.h"
 #include "module/brc/table.h"
 #include "module/core/counters.h"
+#include "module/ipc/remove.h"
 #include "module/ipc/table.h"
 #include "tests/concurrency/crowd.h"
-#include "tests/module/module_scene.h"
+#include "tests/module/ppp_scene.h"
 #include "tests/support/module_invariants.h"
 
 namespace tarvelo::test {
@@ -25,6 +26,8 @@ constexpr u8 udp = wire::ip_protocol::udp;
 constexpr u16 first_port = 20000;
 constexpr std::size_t connections = 12;
 constexpr const char* guest_mac = "02:00:00:00:01:03";
+/// Behind a tunnel.
+constexpr endpoint far_peer = {"198.51.100.8", 80};
 
 /// One that no two processors meet in.
 const net_device_ops* forgetting_ops() {
@@ -40,6 +43,9 @@ struct slot {
   u8 protocol;
   endpoint client;
   endpoint public_end;
+  endpoint server;
+  net_device* out;
+  std::mutex turn;  ///< of whoever ends it
   std::unique_ptr<tracked_connection> owner;
   nf_conn* ct;
   std::vector<bytes> there;  ///< the last two are fragments
@@ -80,11 +86,15 @@ class module_crowd : public module_scene {
 
   void prepare(slot& s, std::size_t number) {
     const auto client_port = static_cast<u16>(first_port + number);
+    const bool tunnelled = number % 4 == 0;
     s.protocol = number % 2 == 0 ? tcp : udp;
     s.client = {inside.address, client_port};
     s.public_end = {translated.address, client_port};
-    s.back = packet_of(s.protocol, wan_mac, gateway_mac, peer, s.public_end).payload(8).build();
-    packet there = packet_of(s.protocol, lan_mac, host_mac, s.client, peer);
+    s.server = tunnelled ? far_peer : peer;
+    s.out = tunnelled ? tunnel_->dev.get() : wan.get();
+    s.back = packet_of(s.protocol, wan_mac, gateway_mac, s.server, s.public_end).payload(8).build();
+    if (tunnelled) s.back = out_of_tunnel(s);
+    packet there = packet_of(s.protocol, lan_mac, host_mac, s.client, s.server);
     s.there = {there.payload(8).build()};
     if (s.protocol == udp) {
       packet base;
@@ -95,9 +105,24 @@ class module_crowd : public module_scene {
     begin(s);
   }
 
+  [[nodiscard]] static bytes out_of_tunnel(const slot& s) {
+    constexpr u16 plain_data = 0x0002;
+    return packet()
+        .eth(wan_mac, gateway_mac)
+        .ipv4(upstream_tunnel_remote.address, upstream_tunnel_local.address)
+        .udp(upstream_tunnel_remote.port, upstream_tunnel_local.port)
+        .no_checksum()
+        .l2tp(plain_data, upstream_ids, upstream_ids + session_step)
+        .ppp()
+        .ipv4(s.server.address, s.public_end.address)
+        .tcp(s.server.port, s.public_end.port)
+        .flags(wire::tcp_flag::ack)
+        .build();
+  }
+
   static void begin(slot& s) {
-    s.owner = std::make_unique<tracked_connection>(tuple(s.protocol, s.client, peer),
-                                                   tuple(s.protocol, peer, s.public_end));
+    s.owner = std::make_unique<tracked_connection>(tuple(s.protocol, s.client, s.server),
+                                                   tuple(s.protocol, s.server, s.public_end));
     rcu_assign_pointer(s.ct, s.owner->get());
   }
   /// Whoever has a reference makes the end complete.
@@ -135,22 +160,42 @@ class module_crowd : public module_scene {
     nf_conn* ct = rcu_dereference(s.ct);
     if (ct == nullptr || !atomic_inc_not_zero(&ct->ct_general.use)) return;
     const bool reply = random() % 2 == 0;
-    if (reply) {
-      make_report({s.back, ct, &ct->ct_general, NF_INET_PRE_ROUTING, IP_CT_ESTABLISHED_REPLY, wan,
-                   wan, tuple(s.protocol, peer, s.client)});
-    } else {
-      make_report({s.there[0], ct, &ct->ct_general, NF_INET_POST_ROUTING, IP_CT_ESTABLISHED, wan,
-                   lan, tuple(s.protocol, s.public_end, peer)});
-    }
+    report_packet(s, ct, reply);
     nf_conntrack_put(&ct->ct_general);
   }
 
-  void replace(small_random& random) {
-    if (is_over_) return rest(random, 2);
-    slot& s = any_slot(random);
+  void report_packet(const slot& s, nf_conn* ct, bool reply) {
+    if (reply) {
+      const packet inner =
+          packet_of(s.protocol, wan_mac, gateway_mac, s.server, s.public_end).payload(8);
+      make_report({inner.build(), ct, &ct->ct_general, NF_INET_PRE_ROUTING, IP_CT_ESTABLISHED_REPLY,
+                   s.out, s.out, tuple(s.protocol, s.server, s.client)});
+    } else {
+      make_report({s.there[0], ct, &ct->ct_general, NF_INET_POST_ROUTING, IP_CT_ESTABLISHED, s.out,
+                   lan, tuple(s.protocol, s.public_end, s.server)});
+    }
+  }
+
+  static void replace(slot& s) {
+    const std::scoped_lock turn(s.turn);
     end(s);
     begin(s);
+  }
+  void replace_all() {
+    for (slot& s : slots_)
+      replace(s);
+  }
+  void replace_one(small_random& random) {
+    if (!is_over_) replace(any_slot(random));
     rest(random, 2);
+  }
+
+  static void remove_by_key(vok_handle* ci, const slot& s) {
+    static_cast<void>(_vok_ipc_delete(ci, ip4(s.server.address), ip4(s.public_end.address),
+                                      s.protocol, wire::htons(s.server.port),
+                                      wire::htons(s.public_end.port)));
+    static_cast<void>(_vok_ipc_delete(ci, ip4(s.client.address), ip4(s.server.address), s.protocol,
+                                      wire::htons(s.client.port), wire::htons(s.server.port)));
   }
 
   void remove(small_random& random) {
@@ -159,13 +204,15 @@ class module_crowd : public module_scene {
       vok_handle* ci = rcu_dereference(kcih);
       if (ci == nullptr) return;
       net_device* const devices[] = {lan, wan, port};
-      const slot& s = any_slot(random);
-      if (random() % 4 == 0) {
-        ci->_vok_ipc_delete_by_dev(ci, devices[random() % 3]);
-      } else {
-        static_cast<void>(_vok_ipc_delete(ci, ip4(peer.address), ip4(s.public_end.address),
-                                          s.protocol, wire::htons(peer.port),
-                                          wire::htons(s.public_end.port)));
+      switch (random() % 8) {
+        case 0:
+          ci->_vok_ipc_delete_by_dev(ci, devices[random() % 3]);
+          break;
+        case 1:
+          ci->session_delete_ipc(ci, tunnel_->session());
+          break;
+        default:
+          remove_by_key(ci, any_slot(random));
       }
     }
     rest(random, 2);
@@ -202,8 +249,8 @@ class module_crowd : public module_scene {
     if (ci == nullptr) return;
     const slot& s = any_slot(random);
     const ipc_entry* entry =
-        ci->_vok_ipc_lkup(ci, ip4(peer.address), ip4(s.public_end.address), s.protocol,
-                          wire::htons(peer.port), wire::htons(s.public_end.port), 0);
+        ci->_vok_ipc_lkup(ci, ip4(s.server.address), ip4(s.public_end.address), s.protocol,
+                          wire::htons(s.server.port), wire::htons(s.public_end.port), 0);
     const ::brc& guest = hosts_[random() % hosts_.size()];
     const ::brc* cached = ci->_vok_brc_lkup_brid(ci, guest.dmac, guest.bridgeID);
     for (int i = 0; i < 3; ++i) {
@@ -249,9 +296,68 @@ class module_crowd : public module_scene {
       std::this_thread::yield();
   }
 
+  /// The stack takes all records back before the module goes; packets and readers may still come.
+  void unload_under(crowd& all) {
+    is_over_ = true;
+    end_all();
+    all.work_during([this] { unload(); });
+    EXPECT_EQ(kcih, nullptr);
+  }
+  void load_again() {
+    module_ = load_module();
+    for (slot& s : slots_)
+      begin(s);
+    is_over_ = false;
+  }
+
+  /// Both directions of each connection.
+  void fill() {
+    for (const ::brc& one : hosts_)
+      std::ignore = _vok_brc_add(kcih, &one);
+    replace_all();
+    for (const slot& s : slots_) {
+      report_packet(s, s.ct, false);
+      report_packet(s, s.ct, true);
+    }
+  }
+
+  [[nodiscard]] std::vector<ending> endings(crowd& all) {
+    return {
+        {"unloading", [this, &all] { unload_under(all), load_again(); }, left::nothing, true},
+        {"by key",
+         [this] {
+           for (const slot& s : slots_)
+             remove_by_key(kcih, s);
+         }},
+        {"by device",
+         [this] {
+           for (net_device* dev : {wan.get(), port.get()})
+             kcih->_vok_ipc_delete_by_dev(kcih, dev);
+         }},
+        {"the end of a session", [this] { kcih->session_delete_ipc(kcih, tunnel_->session()); },
+         left::some},
+        {"the end of the connection", [this] { replace_all(); }},
+        {"the end of the connection while switched off",
+         [this] {
+           switch_fast_path(kcih, 0);
+           replace_all();
+         },
+         left::all},
+        {"the same, and switched on again",
+         [this] {
+           switch_fast_path(kcih, 0);
+           replace_all();
+           switch_fast_path(kcih, 1);
+         }},
+    };
+  }
+
   fake_device port{"eth2", "02:00:00:00:01:11"};
   const bytes bridged_ = packet_of(udp, guest_mac, host_mac, inside, peer).build();
   std::array<::brc, 2> hosts_;
+  const std::unique_ptr<ppp_interface> tunnel_{
+      ppp_interface::l2tp("ppp1", upstream_tunnel_local, upstream_tunnel_remote, upstream_ids)};
+  const scoped_route far_route_{far_peer.address, 32, "0.0.0.0", tunnel_->dev};
   std::array<slot, connections> slots_{};
   std::mutex module_turn_;
   std::atomic<bool> is_over_{false};
@@ -263,7 +369,7 @@ TEST_F(module_crowd, all_operations_at_once) {
     all.add([this](small_random& random) { forward(random); });
     all.add([this](small_random& random) { add(random); });
   }
-  all.add([this](small_random& random) { replace(random); });
+  all.add([this](small_random& random) { replace_one(random); });
   all.add([this](small_random& random) { remove(random); });
   all.add([this](small_random& random) { move_hosts(random); });
   all.add([this](small_random& random) { look_up(random); });
@@ -273,17 +379,13 @@ TEST_F(module_crowd, all_operations_at_once) {
     pass(random() % 64 == 0 ? 10000 : 1);
     rest(random, 1);
   });
-  all.work_in_rounds([this] { look(); });
+  all.work_in_rounds(
+      endings(all), [this] { fill(); }, [this] { look(); });
   RecordProperty("routed", std::to_string(read_once(ip_packet)));
   RecordProperty("bridged", std::to_string(read_once(bridge_packet)));
   EXPECT_GT(read_once(ip_packet), 0U);
   EXPECT_GT(read_once(bridge_packet), 0U);
-
-  // The stack takes all records back before the module goes; packets and readers may still come.
-  is_over_ = true;
-  end_all();
-  all.work_during([this] { unload(); });
-  EXPECT_EQ(kcih, nullptr);
+  unload_under(all);
   static_cast<void>(log.take());
 }
 

@@ -117,7 +117,7 @@ class router_crowd : public testing::Test {
     const bool up = random() % 2 == 0;
     set_link(links[random() % std::size(links)], up);
     rest(random, 8);
-    if (!up) set_all_links_up();
+    if (!up) set_all_links(true);
     rest(random, 8);
   }
 
@@ -125,7 +125,7 @@ class router_crowd : public testing::Test {
     constexpr u32 spans[] = {1, 10, 100, 1000, 10000, 31000, 181000, 5U * 24 * 3600 * HZ};
     // Long ones are rare, or nothing would live long enough to be fast.
     const u32 limit = random() % 32 == 0 ? std::size(spans) : 4;
-    router_.pass(spans[random() % limit]);
+    pass(spans[random() % limit]);
     rest(random, 2);
   }
 
@@ -160,7 +160,6 @@ class router_crowd : public testing::Test {
   }
 
   void reload(small_random& random) {
-    rest(random, 30);
     const std::scoped_lock turn(module_turn_);
     router_.unload_module();
     rest(random, 3);
@@ -184,25 +183,47 @@ class router_crowd : public testing::Test {
   void set_link(const char* name, bool up) {
     router_.router().set_link(router_.router().device(name), up);
   }
-  void set_all_links_up() {
+  void set_all_links(bool up) {
     for (const char* name : links)
-      set_link(name, true);
+      set_link(name, up);
+  }
+  static void switch_to(const char* enable) {
+    static_cast<void>(proc::write_all("vok/enable", enable));
+  }
+  /// One moves the clock at a time.
+  void pass(u32 milliseconds) {
+    const std::scoped_lock turn(clock_turn_);
+    router_.pass(milliseconds);
   }
 
   /// Nobody works: the tables are in order.
   static void look() { ASSERT_EQ(broken_invariant(), ""); }
 
-  /// After all that, each kind of connection can be made and becomes fast.
-  void expect_all_to_work() {
-    set_all_links_up();
-    router_.pass(all_is_forgotten);
-    router_.unload_module();
-    router_.load_module();
+  /// Whatever has happened, each kind of connection can be made and becomes fast.
+  void fill() {
+    set_all_links(true);
+    switch_to("1");
+    write_once(kcih->portal_check, decltype(kcih->portal_check){});
+    pass(all_is_forgotten);
     router_.open_conversations();
+  }
+
+  [[nodiscard]] std::vector<ending> endings() {
+    return {
+        {"the links go down", [this] { set_all_links(false), set_all_links(true); }},
+        {"a session ends", [this] { set_link("ppp1", false), set_link("ppp1", true); }, left::some},
+        {"time", [this] { pass(all_is_forgotten); }},
+        {"time while switched off", [this] { switch_to("0"), pass(all_is_forgotten); }, left::all},
+        {"the same, and switched on again",
+         [this] { switch_to("0"), pass(all_is_forgotten), switch_to("1"); }},
+        {"unloading", [this] { reload(random_); }},
+    };
   }
 
   const std::vector<exchange> traffic_ = all_exchanges();
   std::mutex module_turn_;
+  std::mutex clock_turn_;
+  small_random random_{0};
   fuzz::fuzzed_router router_;
 };
 
@@ -215,16 +236,16 @@ TEST_F(router_crowd, stands_up_to_all_that_can_happen_at_once) {
   all.add([](small_random& random) { use_control_files(random); });
   all.add([](small_random& random) { use_control_files(random); });
   all.add([this](small_random& random) { hook(random); });
-  all.add([this](small_random& random) { reload(random); });
+  all.add([this](small_random& random) { rest(random, 30), reload(random); });
   all.add([this](small_random& random) { look_around(random); });
-  all.work_in_rounds(look);
+  all.work_in_rounds(
+      endings(), [this] { fill(); }, look);
 
   const stack::router_statistics seen = router_.router().statistics();
   RecordProperty("offered", std::to_string(seen.offered));
   RecordProperty("fast", std::to_string(seen.fast));
   EXPECT_GT(seen.fast, 0U);
   EXPECT_GT(seen.slow_forwarded, 0U);
-  expect_all_to_work();
 }
 
 }  // namespace

@@ -38,8 +38,10 @@ ppp_interface::ppp_interface(const char* name, ppp_channel* channel, u32 mtu)
 }
 
 ppp_interface::~ppp_interface() {
-  if (session_ != nullptr) kcih->session_delete_ipc(kcih, session_);
-  (void)kcih->_vok_ipc_delete_by_dev(kcih, dev);
+  if (kcih != nullptr) {
+    if (session_ != nullptr) kcih->session_delete_ipc(kcih, session_);
+    (void)kcih->_vok_ipc_delete_by_dev(kcih, dev);
+  }
   ppp_channel_free(channel_);
   if (session_ != nullptr) l2tp_session_put(session_);
 }
