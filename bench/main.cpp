@@ -4,10 +4,11 @@
 // ratio of the fast to the slow path, and the memory figures.
 //
 //   tarvelo-bench [google-benchmark's options]
+//   tarvelo-bench --bounds
 //   tarvelo-bench --count SUBJECT CONNECTIONS PACKETS
 //
-// The second form only feeds the packets, for a run under callgrind that collects inside
-// measured_batch(); scripts/bench.sh does that.
+// The second form prints what many connections cost. The third only feeds the packets, for a run
+// under callgrind that collects inside measured_batch(); scripts/bench.sh does that.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -17,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "bench/bounds.h"
 #include "bench/memory.h"
 #include "bench/subject.h"
 #include "kernel/jiffies.h"
@@ -122,6 +124,10 @@ int main(int argc, char** argv) {
   klog::set_sink(&print_errors_only, nullptr);
   if (argc == 5 && std::strcmp(argv[1], "--count") == 0) {
     return count_only(argv[2], std::stoul(argv[3]), std::stoul(argv[4]));
+  }
+  if (argc == 2 && std::strcmp(argv[1], "--bounds") == 0) {
+    print_bounds();
+    return EXIT_SUCCESS;
   }
   return measure(argc, argv);
 }

@@ -36,9 +36,4 @@ namespace tarvelo::stack {
   return static_cast<u16>(header->h_vlan_TCI.host() & wire::vlan_vid_mask);
 }
 
-/// The priority that a tag put on this frame shows, when the frame's contents decide it: the
-/// precedence of the IP packet in an untagged frame or in a PPPoE session frame, the same that the
-/// fast path takes. Otherwise `otherwise`.
-[[nodiscard]] u32 content_priority(const sk_buff* skb, u32 otherwise) noexcept;
-
 }  // namespace tarvelo::stack

@@ -5,6 +5,7 @@
 #include "kernel/vlan_table.h"
 #include "stack/arp.h"
 #include "stack/ethernet_frame.h"
+#include "stack/frame_priority.h"
 #include "stack/ip_input.h"
 #include "stack/ipv6_input.h"
 #include "stack/pppoe.h"
@@ -102,7 +103,7 @@ frame_place place_of(const sk_buff* skb) noexcept {
 }
 
 receive_verdict input_frame(sk_buff* skb) {
-  skb->priority = content_priority(skb, skb->priority);
+  note_frame_priority(skb);
   addressee to = addressee::stranger;
   bool sent = false;
   for (;;) {

@@ -4,6 +4,7 @@
 #include "kernel/route.h"
 #include "kernel/wire/ethernet.h"
 #include "kernel/wire/ppp.h"
+#include "stack/frame_priority.h"
 #include "stack/ip_input.h"
 #include "stack/ipv6_input.h"
 #include "stack/l2tp.h"
@@ -22,6 +23,7 @@ receive_verdict send_by_channel(sk_buff* skb, const ppp_session& session) {
   const u32 needed = encapsulation_length(session) + wire::tagged_ethernet_length;
   if (skb_headroom(skb) < needed) return discard(skb);
   start_anew(skb);
+  note_wrapped(skb, session.type());
   switch (session.type()) {
     case ppp_channel_type::pppoe:
       return send_by_pppoe(skb, session.pppoe());
@@ -39,6 +41,7 @@ receive_verdict send_by_channel(sk_buff* skb, const ppp_session& session) {
 /// through the router does. The packet is taken in any case, whatever becomes of it outside.
 int start_xmit(sk_buff* skb, net_device* dev) {
   const ppp_session& session = *session_of(dev);
+  keep_priority(skb);
   if (session.type() == ppp_channel_type::pppoe) {
     static_cast<void>(send_by_channel(skb, session));
     return NETDEV_TX_OK;
@@ -53,6 +56,7 @@ int start_xmit(sk_buff* skb, net_device* dev) {
 receive_verdict input_ppp_payload(sk_buff* skb, const ppp_session& session, u16 protocol) {
   if ((read_once(session.dev->flags) & IFF_UP) == 0) return discard(skb);
   start_anew(skb);
+  note_unwrapped(skb, session.type());
   skb->dev = session.dev;
   skb->rx_dev = session.dev;
   skb->mac_header = static_cast<u16>(skb->data - skb->head);

@@ -6,6 +6,7 @@
 #include "kernel/errno.h"
 #include "kernel/if_vlan.h"
 #include "stack/ethernet_frame.h"
+#include "stack/frame_priority.h"
 
 namespace tarvelo::stack {
 
@@ -26,7 +27,7 @@ void insert_vlan_tag(sk_buff* skb, u16 tci) noexcept {
 int transmit_tagged(sk_buff* skb, net_device* dev) {
   if (skb_headlen(skb) < wire::ethernet_length) return -EINVAL;
   if (skb_headroom(skb) < wire::vlan_tag_length) return -ENOBUFS;
-  const u32 tci = vlan_dev_vlan_id(dev) | skb->priority << wire::vlan_priority_shift;
+  const u32 tci = vlan_dev_vlan_id(dev) | u32{shown_priority(skb)} << wire::vlan_priority_shift;
   insert_vlan_tag(skb, static_cast<u16>(tci));
   skb->mac_header = static_cast<u16>(skb->data - skb->head);
   skb->dev = vlan_dev_real_dev(dev);

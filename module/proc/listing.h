@@ -3,8 +3,10 @@
 // A hash table shown line by line: one template over a description of the table.
 //
 // The table's lock is held from start to stop, that is while one buffer of text is formatted. In
-// between it is free, and the walk is resumed by position: entries that come or go meanwhile may be
-// shown twice or not at all. Lines are numbered for each open file, and a number is spent only on a
+// between it is free, and the walk is resumed by position, counted from the head of the chain that
+// it had come to: a walk from the first entry on would hold up the packet path at each read for as
+// long as the table is large. Entries that come or go meanwhile may be shown twice or not at all.
+// Lines are numbered for each open file, and a number is spent only on a
 // line that fitted the buffer, so that a reader with a small buffer sees none missing.
 //
 // A description of a table is a type with
@@ -30,6 +32,7 @@ namespace tarvelo {
 struct vok_iter_state {
   u32 bucket;      ///< where the entry last returned is
   u32 line;        ///< lines shown so far on this open file
+  loff_type head;  ///< position of that bucket's first entry; 0 before the first walk
   vok_handle* ci;  ///< between start and stop: the handle whose lock is held, or null
 };
 
@@ -44,7 +47,7 @@ struct listing {
     state->ci = handle_with_table();
     if (state->ci != nullptr) Table::lock(state->ci);
     if (*pos == 0) return SEQ_START_TOKEN;
-    return entry_at(state, *pos - 1);
+    return entry_at(state, *pos);
   }
 
   static void stop(seq_file* m, void*) {
@@ -57,7 +60,8 @@ struct listing {
   static void* next(seq_file* m, void* v, loff_type* pos) {
     ++*pos;
     vok_iter_state* state = state_of(m);
-    return v == SEQ_START_TOKEN ? first_entry(state) : entry_after(state, static_cast<entry*>(v));
+    return v == SEQ_START_TOKEN ? first_entry(state)
+                                : entry_after(state, static_cast<entry*>(v), *pos);
   }
 
   static int show(seq_file* m, void* v) {
@@ -106,19 +110,24 @@ struct listing {
   static entry* first_entry(vok_iter_state* state) {
     if (state->ci == nullptr) return nullptr;
     state->bucket = 0;
+    state->head = 1;
     return scan_from_bucket(state);
   }
 
-  static entry* entry_after(vok_iter_state* state, entry* e) {
+  /// The entry behind `e`, which is then at `pos`.
+  static entry* entry_after(vok_iter_state* state, entry* e, loff_type pos) {
     if (e->next != nullptr) return e->next;
     ++state->bucket;
+    state->head = pos;
     return scan_from_bucket(state);
   }
 
-  static entry* entry_at(vok_iter_state* state, loff_type index) {
-    entry* e = first_entry(state);
-    for (; e != nullptr && index > 0; --index)
-      e = entry_after(state, e);
+  static entry* entry_at(vok_iter_state* state, loff_type pos) {
+    if (state->ci == nullptr) return nullptr;
+    const bool ahead = state->head != 0 && pos >= state->head;
+    entry* e = ahead ? scan_from_bucket(state) : first_entry(state);
+    for (loff_type at = state->head; e != nullptr && at < pos; ++at)
+      e = entry_after(state, e, at + 1);
     return e;
   }
 };

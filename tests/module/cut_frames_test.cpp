@@ -2,8 +2,8 @@
 //
 // Frames with less in them than they say. Each is one that the fast path forwards, and then again
 // cut at every byte; cut behind every byte of what is in line; with every shorter length in its
-// outermost IP header, the rest being padding; and cut by a hook. Nothing of that may leave, and no
-// byte behind the cut may be read: test buffers end where their data ends.
+// outermost IP header, the rest being padding or cut off as well; and cut by a hook. Nothing of
+// that may leave, and no byte behind the cut may be read: test buffers end where their data ends.
 #include "module/brc/table.h"
 #include "module/forward/entry.h"
 #include "tests/module/ipv6_scene.h"
@@ -56,14 +56,17 @@ void expect_cuts_back(const bytes& frame, net_device* dev, u32 headers) {
   EXPECT_EQ(offer_paged(frame, dev, whole), fate::forward);
 }
 
-/// The big-endian word at `at` counts down to `least`, while the frame stays as long as it is.
-void expect_short_lengths_back(const bytes& frame, net_device* dev, u32 at, u32 least) {
+/// The big-endian word at `at` says less than there is behind `counted_from`, and then no more than
+/// it says is there.
+void expect_short_lengths_back(const bytes& frame, net_device* dev, u32 at, u32 counted_from) {
   const u32 whole = static_cast<u32>(frame[at]) << 8 | frame[at + 1];
-  for (u32 length = least; length < whole; ++length) {
-    bytes padded = frame;
-    padded[at] = static_cast<u8>(length >> 8);
-    padded[at + 1] = static_cast<u8>(length);
-    EXPECT_TRUE(is_handed_back(offer(padded, dev))) << length << " in the header";
+  for (u32 length = 0; length < whole; ++length) {
+    bytes claims = frame;
+    claims[at] = static_cast<u8>(length >> 8);
+    claims[at + 1] = static_cast<u8>(length);
+    EXPECT_TRUE(is_handed_back(offer(claims, dev))) << length << " in the header";
+    claims.resize(counted_from + length);
+    EXPECT_TRUE(is_handed_back(offer(claims, dev))) << length << " in header and frame";
   }
 }
 
@@ -101,7 +104,7 @@ TEST_F(cut_frames, of_a_plain_connection) {
     SCOPED_TRACE(row.name);
     const bytes frame = row.frame.build();
     expect_cuts_back(frame, lan, row.headers);
-    expect_short_lengths_back(frame, lan, row.ip + total_length_at, 0);
+    expect_short_lengths_back(frame, lan, row.ip + total_length_at, row.ip);
   }
 }
 
@@ -121,9 +124,9 @@ TEST_P(cut_wrapped_frames, of_a_wrapped_connection) {
     // The last 20 bytes may be padding.
     bytes cut_short = frame;
     cut_short[ip + total_length_at + 1] -= 20;
-    expect_short_lengths_back(cut_short, lan, ip + total_length_at, 0);
+    expect_short_lengths_back(cut_short, lan, ip + total_length_at, ip);
   } else {
-    expect_short_lengths_back(frame, lan, ip + total_length_at, 0);
+    expect_short_lengths_back(frame, lan, ip + total_length_at, ip);
   }
 }
 
@@ -132,23 +135,34 @@ INSTANTIATE_TEST_SUITE_P(all, cut_wrapped_frames,
                                           testing::Bool()));
 
 /// GRE and L2TP headers behind an outer header that has all the options it can have, in a frame
-/// that is long enough to be looked into and a packet that ends just ahead of what is looked for.
+/// that is just long enough to be looked into and a packet that ends at each of their bytes.
 TEST_F(cut_frames, of_a_tunnel_behind_options) {
   set_up(side::pptp, side::plain);
   connect();
   const bytes options(40, 1);
-  constexpr u32 outer_end = wire::ethernet_length + 60;
-  for (const u8 protocol : {wire::ip_protocol::gre, udp}) {
-    for (u16 behind = 0; behind < 24; ++behind) {
-      const bytes frame = packet()
-                              .eth(lan_mac, host_mac)
-                              .ipv4(inside_tunnel_remote.address, inside_tunnel_local.address)
-                              .options(options)
-                              .type(protocol)
-                              .total_length(static_cast<u16>(60 + behind))
-                              .payload(std::max<u32>(behind, 88 - outer_end), 0x30)
-                              .build();
-      EXPECT_TRUE(is_handed_back(offer(frame, lan))) << int{protocol} << " " << behind;
+  constexpr u32 outer_length = wire::ipv4_min_length + 40;
+  constexpr u32 looked_into = 88;
+  const struct {
+    u8 protocol;
+    bytes headers;
+  } rows[] = {
+      {wire::ip_protocol::gre,
+       {0x30, 0x81, 0x88, 0x0B, 0, 0, 0, 10, 0, 0, 0, 1, 0, 0, 0, 0, 0xFF, 0x03, 0x00, 0x21}},
+      {udp, {0x06, 0xA6, 0x06, 0xA5, 0, 0, 0, 0, 0x48, 0x02, 0,    30,
+             0,    10,   0,    12,   0, 0, 0, 0, 0xFF, 0x03, 0x00, 0x21}},
+  };
+  for (const auto& row : rows) {
+    for (std::size_t behind = 0; behind <= row.headers.size(); ++behind) {
+      bytes frame = packet()
+                        .eth(lan_mac, host_mac)
+                        .ipv4(inside_tunnel_remote.address, inside_tunnel_local.address)
+                        .options(options)
+                        .type(row.protocol)
+                        .total_length(static_cast<u16>(outer_length + behind))
+                        .raw({row.headers.data(), behind})
+                        .build();
+      frame.resize(std::max<std::size_t>(frame.size(), looked_into));
+      EXPECT_TRUE(is_handed_back(offer(frame, lan))) << int{row.protocol} << " " << behind;
     }
   }
 }
@@ -172,7 +186,7 @@ TEST_F(cut_frames_v6, of_a_connection) {
     SCOPED_TRACE(row.name);
     bytes frame = row.frame.build();
     expect_cuts_back(frame, lan, row.headers);
-    expect_short_lengths_back(frame, lan, row.ip + payload_length_at, 0);
+    expect_short_lengths_back(frame, lan, row.ip + payload_length_at, row.ip + wire::ipv6_length);
     // What the type says and what the packet is.
     frame[row.ip - 2] = wire::ethertype::ipv4 >> 8;
     frame[row.ip - 1] = wire::ethertype::ipv4 & 0xFF;
@@ -212,6 +226,8 @@ TEST_F(cut_frames_v6, by_a_hook) {
        packet6(ethernet(lan_mac, host_mac), tcp, inside6, peer6), 74},
       {"bridged", VOK_HOOK_BRIDGE_ROUTING, 2,
        packet(bridged).ipv4("10.0.0.1", "10.0.0.2").udp(1, 2), 18},
+      {"bridged session", VOK_HOOK_BRIDGE_ROUTING, 2,
+       packet(bridged).pppoe(inside_sid).ipv4("10.0.0.1", "10.0.0.2").udp(1, 2), 26},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);

@@ -213,11 +213,9 @@ TEST_F(unload_order, ends_with_the_last_deferred_free) {
   const u64 before = fault::now().allocations;
   std::string error;
   auto loaded = loaded_module::load_linked(init_module, counting_exit, &__this_module, &error);
-  {
-    const tracked_connection ct(tuple(tcp, inside, peer), tuple(tcp, peer, translated));
-    make_report(source_nat(ct, tcp, false));
-    (void)kcih->_vok_ipc_delete_by_dev(kcih, wan);
-  }
+  ::brc known = {};
+  ASSERT_EQ(_vok_brc_add(kcih, &known), 0);
+  _vok_brc_delete(kcih, known.dmac, known.bridgeID);
   ASSERT_TRUE(loaded->unload());
   EXPECT_EQ(left_by_exit, before);
 }

@@ -6,5 +6,6 @@ tarvelo_test(test_stack_link
   bridge_test.cpp
   bridge_threads_test.cpp
   bridged_path_test.cpp
+  growth_test.cpp
   vlan_route_test.cpp
   LIBS tarvelo_stack_fixture tarvelo_module_objects fmt::fmt)

@@ -67,10 +67,10 @@ stack::router_config uplink_config(line_kind line, const uplink_options& options
   return config;
 }
 
-packet line_header(line_kind line, std::string_view to, std::string_view from) {
+packet line_header(line_kind line, std::string_view to, std::string_view from, u8 priority) {
   packet frame;
   frame.eth(to, from);
-  if (has_vlan(line)) frame.vlan(line_vid);
+  if (has_vlan(line)) frame.vlan(line_vid, priority);
   if (has_pppoe(line)) frame.pppoe(pppoe_sid);
   return frame;
 }
@@ -89,7 +89,12 @@ packet far_end::sends() {
 }
 
 packet far_end::expects() {
-  packet frame = line_header(line_, gateway_mac, wan_mac);
+  const bool tunnel_over_session = has_pppoe(line_) && options_.kind != uplink_kind::line;
+  return expects(tunnel_over_session ? outward_priority : 0);
+}
+
+packet far_end::expects(u8 priority) {
+  packet frame = line_header(line_, gateway_mac, wan_mac, priority);
   if (options_.kind == uplink_kind::line) return frame;
   frame.ipv4(wan_address, gateway).ttl(64).dont_fragment();
   if (options_.kind == uplink_kind::l2tp) {

@@ -53,8 +53,14 @@ inline constexpr u16 peer_call = 9;
 [[nodiscard]] stack::router_config uplink_config(line_kind line, const uplink_options& options);
 /// The name of its device.
 [[nodiscard]] const char* uplink_device(const uplink_options& options);
-/// A frame on the line up to its IP header.
-[[nodiscard]] packet line_header(line_kind line, std::string_view to, std::string_view from);
+/// A frame on the line up to its IP header; the priority is that of its tag, if it has one.
+[[nodiscard]] packet line_header(line_kind line, std::string_view to, std::string_view from,
+                                 u8 priority = 0);
+
+/// TOS of packets to the server, and the tag priority that goes with it. A tag shows it where the
+/// packet's wrapping stays, or is that of a tunnel over a session.
+inline constexpr u8 outward_tos = 0xA0;
+inline constexpr u8 outward_priority = 5;
 
 /// The other end of the uplink: writes what it sends, and what it expects, up to the inner IP
 /// header, and keeps the numbers of both.
@@ -64,8 +70,10 @@ class far_end {
 
   /// The next packet to the router.
   [[nodiscard]] packet sends();
-  /// The next packet from the router.
+  /// The next packet from the router, of a connection from an untagged host.
   [[nodiscard]] packet expects();
+  /// With that priority if the line is a VLAN.
+  [[nodiscard]] packet expects(u8 priority);
 
  private:
   [[nodiscard]] packet from_peer() const { return line_header(line_, wan_mac, gateway_mac); }
@@ -85,7 +93,7 @@ class tunnel_test : public router_test {
 
   /// Datagrams of one connection, from the IP header on.
   [[nodiscard]] static packet outward(packet frame, u8 ttl, std::size_t length = 40) {
-    return frame.ipv4(host, server).ttl(ttl).udp(4000, 53).payload(length);
+    return frame.ipv4(host, server).tos(outward_tos).ttl(ttl).udp(4000, 53).payload(length);
   }
   [[nodiscard]] static packet inward(packet frame, u8 ttl, std::size_t length = 60) {
     return frame.ipv4(server, host).ttl(ttl).udp(53, 4000).payload(length);
