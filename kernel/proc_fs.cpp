@@ -79,12 +79,13 @@ proc_tree& the_proc_tree() {
 std::shared_ptr<proc_dir_entry> find_entry(std::string_view path) {
   // The top has no owner of its own: it is never freed.
   std::shared_ptr<proc_dir_entry> at(std::shared_ptr<void>(), &the_proc_tree().top);
-  while (!path.empty()) {
+  for (bool more = !path.empty(); more;) {
     const std::size_t slash = path.find('/');
     const auto child = find_child(at->children, path.substr(0, slash));
     if (child == at->children.end()) return nullptr;
     at = *child;
-    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+    more = slash != std::string_view::npos;
+    if (more) path.remove_prefix(slash + 1);
   }
   return at;
 }

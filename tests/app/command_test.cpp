@@ -116,6 +116,23 @@ TEST_F(command_test, bad_input_is_one_line_and_leaves_nothing_behind) {
   EXPECT_EQ(after.size(), before.size() + 2) << "more than the two files of the output";
 }
 
+TEST_F(command_test, set_reaches_no_file_but_the_routers_own) {
+  put("home.toml", home_config);
+  put_capture("in.pcap", {{0, bytes(60, 0)}});
+  put("enable", "as it was");
+  for (const char* name : {"@/enable", "../enable", "/vok/enable", "vok/enable", "./enable",
+                           "enable/", ".", "..", "", "ENABLE"}) {
+    const command_result result =
+        run("replay --config @/home.toml --out @/out --in lan0=@/in.pcap "
+            "--set " +
+            std::string(name) + "=0");
+    EXPECT_EQ(result.status, 2) << name;
+    EXPECT_TRUE(result.complaint().starts_with("--set ")) << result.complaint();
+    EXPECT_FALSE(std::filesystem::exists(path("out"))) << name;
+  }
+  EXPECT_EQ(get("enable"), "as it was");
+}
+
 TEST_F(command_test, a_file_that_cannot_be_opened_ends_it_with_nothing_half_done) {
   put("home.toml", home_config);
   put_capture("in.pcap", {{0, bytes(60, 0)}});

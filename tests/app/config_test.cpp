@@ -252,6 +252,18 @@ TEST_F(config_test, faults_of_single_values) {
     EXPECT_EQ(verdict(r.text), r.said) << r.text;
 }
 
+// Names become file names and lines of text.
+TEST_F(config_test, a_device_name_leads_nowhere_and_breaks_no_line) {
+  for (const char* name : {"", ".", "..", "/", "../../tmp/x", "a/b", "a\\u0000b", "a\\nb", "a\\tb",
+                           "a\\u007Fb", "a\\u00E9", "a\\\\b", "sixteen-letters-"}) {
+    const std::string said = verdict("[[device]]\nname = \"" + std::string(name) + "\"\n");
+    EXPECT_TRUE(said.starts_with("F:2:8: \"")) << said;
+    EXPECT_TRUE(said.ends_with("without blanks, quotes and slashes")) << said;
+    EXPECT_EQ(said.find_first_of("\n\t\x7F"), std::string::npos) << name;
+    EXPECT_EQ(said.find('\0'), std::string::npos) << name;
+  }
+}
+
 std::string device(const std::string& name, const std::string& type, const std::string& lines) {
   return "[[device]]\nname = \"" + name + "\"\ntype = \"" + type + "\"\n" + lines + "\n";
 }
