@@ -45,7 +45,7 @@ conntrack_table::conntrack_table(u32 capacity)
       key_(random_key()) {}
 
 std::size_t conntrack_table::bucket_of(const nf_conntrack_tuple& tuple) const noexcept {
-  return hash_tuple(tuple, key_) & (buckets_.size() - 1);
+  return static_cast<std::size_t>(hash_tuple(tuple, key_)) & (buckets_.size() - 1);
 }
 
 found_connection conntrack_table::find(const nf_conntrack_tuple& tuple) const noexcept {

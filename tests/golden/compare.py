@@ -1,14 +1,16 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """Runs one scenario with the fast path on and once with it off, and judges what was sent.
 
-    compare.py COMMAND SCENARIO ROUTERS DIRECTORY
+    compare.py SCENARIO ROUTERS DIRECTORY COMMAND...
 
-SCENARIO is a name; its router is ROUTERS/SCENARIO.toml, its frames are in data/SCENARIO. What is sent is left in DIRECTORY/fast and DIRECTORY/slow. With the fast path on, each frame must be
-the expected one byte for byte, but for what a tunnel's end chooses for itself: the identification
-of its packets, and where its sequence numbers begin (not how they go on). With the fast path off,
-hop counts may differ as well, for the stack counts hops and the fast path does not. The verdicts
-must be those of the scenario, so a frame that should be fast has been fast. Both paths must count
-the same packets on a VLAN device or PPP interface.
+SCENARIO is a name; its router is ROUTERS/SCENARIO.toml, its frames are in data/SCENARIO. What is
+sent is left in DIRECTORY/fast and DIRECTORY/slow. COMMAND may be several words: the command of
+another processor, behind its emulator. With the fast path on, each frame must be the expected one
+byte for byte, but for what a tunnel's end chooses for itself: the identification of its packets,
+and where its sequence numbers begin (not how they go on). With the fast path off, hop counts may
+differ as well, for the stack counts hops and the fast path does not. The verdicts must be those of
+the scenario, so a frame that should be fast has been fast. Both paths must count the same packets
+on a VLAN device or PPP interface.
 """
 import collections
 import itertools
@@ -54,7 +56,7 @@ def replay(command, scenario, router, out, settings):
     shutil.rmtree(out, ignore_errors=True)
     inputs = [option for path in sorted(scenario.glob("in-*.pcap"))
               for option in ("--in", f"{path.stem.removeprefix('in-')}={path}")]
-    done = subprocess.run([command, "replay", "--config", router, *inputs,
+    done = subprocess.run([*command, "replay", "--config", router, *inputs,
                            *settings, "--out", out],
                           capture_output=True, text=True, check=False)
     if done.returncode != 0:
@@ -142,8 +144,8 @@ def judge_verdicts(wanted, fast, slow):
 
 
 def main():
-    command, name, directory = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[4])
-    router = pathlib.Path(sys.argv[3]) / f"{name}.toml"
+    name, router_directory, directory, *command = sys.argv[1:]
+    router, directory = pathlib.Path(router_directory) / f"{name}.toml", pathlib.Path(directory)
     scenario, about = routers.HERE / "data" / name, routers.scenarios()[name]
     verdicts = verdicts_of(about["verdicts"])
     directory.mkdir(parents=True, exist_ok=True)
