@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "app/mount_keeper.h"
+#include "app/thread.h"
 #include "kernel/context.h"
 #include "kernel/proc_tree.h"
 #include "ports/owned_fd.h"
@@ -206,7 +207,7 @@ control_mount::control_mount(const std::string& path) : state_(std::make_unique<
 
 void control_mount::serve(unsigned processor) {
   if (!available()) return;
-  state_->thread = std::thread([s = state_.get(), processor] { s->serve(processor); });
+  state_->thread = start_thread([s = state_.get(), processor] { s->serve(processor); });
 }
 
 control_mount::~control_mount() {

@@ -6,6 +6,8 @@
 #include <filesystem>
 
 #include "app/control_files.h"
+#include "app/thread.h"
+#include "kernel/deferred_calls.h"
 #include "ports/port.h"
 
 namespace tarvelo::app {
@@ -26,6 +28,7 @@ std::string installed_module() {
 }
 
 std::unique_ptr<stack::router> build_router(const app_config& config) {
+  starting_thread(hosted::start_deferred_calls);
   try {
     return std::make_unique<stack::router>(config.router, &ports::port_device_ops);
   } catch (const stack::setup_error& error) {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include "app/thread.h"
 #include "kernel/context.h"
 #include "kernel/jiffies.h"
 
@@ -20,7 +21,7 @@ constexpr unsigned ticks_until_idle = 100;
 }  // namespace
 
 timer_thread::timer_thread(unsigned processor, port_set& ports)
-    : ports_(ports), thread_([this, processor] { work(processor); }) {}
+    : ports_(ports), thread_(start_thread([this, processor] { work(processor); })) {}
 
 timer_thread::~timer_thread() {
   stop_.store(true, std::memory_order_release);

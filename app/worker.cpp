@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include "app/thread.h"
 #include "kernel/context.h"
 
 namespace tarvelo::app {
@@ -30,7 +31,7 @@ worker::worker(unsigned processor, stack::router& router, std::vector<ports::por
       mine_(std::move(mine)),
       ports_(ports),
       wake_(make_event()),
-      thread_([this, processor] { work(processor); }) {}
+      thread_(start_thread([this, processor] { work(processor); })) {}
 
 worker::~worker() {
   stop_.store(true, std::memory_order_release);

@@ -15,6 +15,7 @@
 //
 // The token says a little too much: it also orders readers that came after the grace period had
 // begun. They cannot have seen what was taken away before.
+#include "kernel/deferred_calls.h"
 #include "kernel/rcupdate.h"
 #include "kernel/sanitizers.h"
 
@@ -161,3 +162,7 @@ void hosted_rcu_barrier() noexcept {
 }
 
 }  // extern "C"
+
+void hosted::start_deferred_calls() {
+  deferred_calls::instance();
+}

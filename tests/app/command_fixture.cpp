@@ -66,23 +66,22 @@ command_result command_test::run(const std::string& arguments, const std::string
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out), read_file(err)};
 }
 
-void command_test::expect_clean_ends_without_files(const std::string& arguments,
-                                                   std::string_view trace) const {
+void command_test::expect_clean_ends_under(const std::string& limit, const std::string& arguments,
+                                           std::string_view trace) const {
   if (is_sanitized) return;
   // What whoever runs the tests has left open would count.
   ASSERT_EQ(close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC), 0);
   // The least with which a program can be started at all. One that comes up ends at a signal.
-  constexpr int least = 4;
+  const int least = limit == "nofile" ? 4 : 1;
   constexpr int most = 100;
-  for (int files = least; files < most && !HasFailure(); ++files) {
-    SCOPED_TRACE(testing::Message() << files << " files");
-    const command_result result = run(arguments,
-                                      "timeout --preserve-status -s INT -k 5 5 "
-                                      "prlimit --nofile=" +
-                                          std::to_string(files) + " ");
+  for (int allowed = least; allowed < most && !HasFailure(); ++allowed) {
+    const std::string under = "--" + limit + "=" + std::to_string(allowed);
+    SCOPED_TRACE(under);
+    const command_result result =
+        run(arguments, "timeout --preserve-status -s INT -k 5 5 prlimit " + under + " ");
     EXPECT_FALSE(std::filesystem::exists(path(trace)) && result.status != 0);
     if (result.status == 0) {
-      EXPECT_GT(files, least);
+      EXPECT_GT(allowed, least);
       return;
     }
     EXPECT_TRUE(result.status == 1 || result.status == 2) << result.status;

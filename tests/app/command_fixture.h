@@ -43,9 +43,10 @@ class command_test : public testing::Test {
   /// shell reads before the command.
   [[nodiscard]] command_result run(const std::string& arguments,
                                    const std::string& before = "") const;
-  /// The command with one more file that it may have open each time, until it succeeds: before that
-  /// it ends in one line and leaves nothing at `trace`.
-  void expect_clean_ends_without_files(const std::string& arguments, std::string_view trace) const;
+  /// The command under prlimit's `limit`, "nofile" or "nproc", one higher each time, until it
+  /// succeeds: before that it ends in one line and leaves nothing at `trace`.
+  void expect_clean_ends_under(const std::string& limit, const std::string& arguments,
+                               std::string_view trace) const;
   [[nodiscard]] std::string path(std::string_view name) const;
   void put(std::string_view name, const std::string& text) const;
   [[nodiscard]] std::string get(std::string_view name) const;

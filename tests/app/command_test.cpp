@@ -136,8 +136,8 @@ TEST_F(command_test, set_reaches_no_file_but_the_routers_own) {
 TEST_F(command_test, a_file_that_cannot_be_opened_ends_it_with_nothing_half_done) {
   put("home.toml", home_config);
   put_capture("in.pcap", {{0, bytes(60, 0)}});
-  expect_clean_ends_without_files("replay --config @/home.toml --out @/out --in lan0=@/in.pcap",
-                                  "out");
+  expect_clean_ends_under("nofile", "replay --config @/home.toml --out @/out --in lan0=@/in.pcap",
+                          "out");
 }
 
 }  // namespace
