@@ -6,9 +6,10 @@
 
 Each row of tests/mutations/*.toml breaks one promise by one change of the source, and names the test
 programs that must fail then. The changes are made in a copy of the tree below build/, built like the
-address sanitizer's preset. PATTERN, a regular expression, picks rows by promise and file; --list only
-shows them; --texts only checks that each change still finds its place. Takes some seconds a row once
-the copy is built. Exit status 1: a change that no test noticed, or that found no place.
+address sanitizer's preset, or the one that the row names. PATTERN, a regular expression, picks rows
+by promise and file; --list only shows them; --texts only checks that each change still finds its
+place. Takes some seconds a row once the copy is built. Exit status 1: a change that no test noticed,
+or that found no place.
 """
 import argparse
 import pathlib
@@ -20,7 +21,6 @@ import tomllib
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 COPY = ROOT / "build" / "mutations"
-PRESET = "asan"
 LONGEST_TEST = 120  # seconds; a mutant may well hang
 
 
@@ -28,7 +28,8 @@ def read_rows(pattern):
     rows = []
     for table in sorted((ROOT / "tests" / "mutations").glob("*.toml")):
         rows += tomllib.loads(table.read_text())["mutation"]
-    return [row for row in rows if re.search(pattern, f"{row['promise']} {row['file']}", re.I)]
+    picked = [row for row in rows if re.search(pattern, f"{row['promise']} {row['file']}", re.I)]
+    return [{"preset": "asan"} | row for row in picked]
 
 
 def mutated(row):
@@ -51,25 +52,24 @@ def copy_tree():
         shutil.copymode(ROOT / name, target)
 
 
-def build(tests):
-    command = ["cmake", "--build", "--preset", PRESET, "--target", *tests]
+def build(preset, tests):
+    command = ["cmake", "--build", "--preset", preset, "--target", *tests]
     return subprocess.run(command, cwd=COPY, capture_output=True, text=True)
 
 
-def prepare(rows):
-    copy_tree()
-    subprocess.run(["cmake", "--preset", PRESET], cwd=COPY, check=True, capture_output=True)
+def prepare(preset, rows):
+    subprocess.run(["cmake", "--preset", preset], cwd=COPY, check=True, capture_output=True)
     tests = sorted({test for row in rows for test in row["tests"]})
-    result = build(tests)
+    result = build(preset, tests)
     if result.returncode != 0:
         sys.exit(result.stdout + result.stderr)
     for test in tests:
-        if fails(test):
+        if fails(preset, test):
             sys.exit(f"mutate.py: {test} fails without any change")
 
 
-def fails(test):
-    program = COPY / "build" / PRESET / "bin" / test
+def fails(preset, test):
+    program = COPY / "build" / preset / "bin" / test
     try:
         result = subprocess.run([program, "--gtest_fail_fast"], cwd=COPY, capture_output=True,
                                 timeout=LONGEST_TEST)
@@ -83,10 +83,10 @@ def judge(row):
     whole = target.read_text()
     target.write_text(mutated(row))
     try:
-        built = build(row["tests"])
+        built = build(row["preset"], row["tests"])
         if built.returncode != 0:
             return "does not build:\n" + built.stdout[-2000:]
-        caught = [test for test in row["tests"] if fails(test)]
+        caught = [test for test in row["tests"] if fails(row["preset"], test)]
         return "caught by " + ", ".join(caught) if caught else "NOT NOTICED"
     finally:
         target.write_text(whole)
@@ -107,7 +107,9 @@ def main():
             print(f"{row['promise']}\n    {row['file']}; {', '.join(row['tests'])}")
     if options.list or options.texts or lost:
         return 1 if lost else 0
-    prepare(rows)
+    copy_tree()
+    for preset in sorted({row["preset"] for row in rows}):
+        prepare(preset, [row for row in rows if row["preset"] == preset])
     bad = 0
     for row in rows:
         verdict = judge(row)

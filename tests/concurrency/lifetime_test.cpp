@@ -6,6 +6,7 @@
 #include <functional>
 #include <thread>
 #include <tuple>
+#include <utility>
 
 #include "kernel/proc_tree.h"
 #include "kernel/rcupdate.h"
@@ -107,6 +108,34 @@ TEST_F(lifetime, what_a_reader_has_found_stays_until_it_leaves) {
     EXPECT_EQ(fault::now().allocations, before.allocations - gone);
     EXPECT_EQ(fault::now().connections, before.connections - 1);
   }
+}
+
+/// The host that a new entry was to have is forgotten before the entry is refused, so that this
+/// drops the host's last reference.
+TEST_F(lifetime, a_refused_entry_lets_go_of_its_host_after_a_grace_period) {
+  if (!kernel_checked) GTEST_SKIP() << "only a checked kernel tells when a lock is taken";
+  fill();
+  ipc_entry* known = kcih->_vok_ipc_lkup(kcih, ip4(peer.address), ip4(translated.address), tcp,
+                                         wire::htons(peer.port), wire::htons(translated.port), 0);
+  put_bridge_entry(std::exchange(known->brc, nullptr));
+  const tracked_connection twin(tuple(tcp, inside, peer), tuple(tcp, peer, translated));
+  const fault::outstanding before = fault::now();
+  rcu_read_lock();
+  const ::brc* host_found = kcih->_vok_brc_lkup(kcih, host_entry_.dmac);
+  static std::function<void()> forget;
+  forget = [this] { forget_host(); };
+  checked_observe_locks([](const void* lock, bool) {
+    if (lock != kcih->ipc_lock) return;
+    checked_observe_locks(nullptr);
+    forget();
+  });
+  make_report(source_nat(twin, tcp, true));
+  EXPECT_EQ(host_found->sendif, port.get());
+  rcu_read_unlock();
+  rcu_barrier();
+  EXPECT_EQ(fault::now().allocations, before.allocations - 1);
+  remove_by_key();
+  end();
 }
 
 struct open_listing {

@@ -3,9 +3,11 @@
 // What happens in one hold of a table's lock and what only behind it; what stays as long as
 // somebody may look at it. The checked kernel tells who takes and lets go which lock, and sees who
 // reads freed memory; other builds see less.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <string>
 #include <thread>
 
 #include "kernel/fault.h"
@@ -22,12 +24,14 @@ constexpr u8 tcp = wire::ip_protocol::tcp;
 /// The holds of one lock by this thread while the object lives.
 class lock_watch {
  public:
-  /// `on_release` is called just before each release.
+  /// `on_release` is called just before each release, `on_take` before the lock is waited for.
   explicit lock_watch(
-      const void* lock, std::function<void()> on_release = [] {}) {
+      const void* lock, std::function<void()> on_release = [] {},
+      std::function<void()> on_take = [] {}) {
     watched_ = lock;
     holds_ = 0;
     on_release_ = std::move(on_release);
+    on_take_ = std::move(on_take);
     checked_observe_locks(&seen);
   }
   ~lock_watch() { checked_observe_locks(nullptr); }
@@ -41,6 +45,7 @@ class lock_watch {
     if (lock != watched_) return;
     if (taken) {
       ++holds_;
+      on_take_();
     } else {
       on_release_();
     }
@@ -48,6 +53,7 @@ class lock_watch {
   static inline const void* watched_;
   static inline int holds_;
   static inline std::function<void()> on_release_;
+  static inline std::function<void()> on_take_;
 };
 
 class holds : public ppp_scene {
@@ -113,10 +119,68 @@ TEST_F(holds, of_the_lock_end_before_an_l2tp_session_is_let_go) {
   EXPECT_EQ(atomic_read(&references), at_rest);
 }
 
-class holds_v6 : public ipv6_scene {};
+/// Whoever sets the switch sweeps what is cut off: behind that, nothing may be cut off any more.
+TEST_F(holds, of_the_lock_see_a_switch_that_was_set_before) {
+  make_report(source_nat(ct, tcp, false));
+  write_once(kcih->enable, u8{0});
+  const lock_watch watch(
+      kcih->ipc_lock, [] {}, [] { write_once(kcih->enable, u8{1}); });
+  EXPECT_EQ(kcih->_ip_conntrack_ipct_delete(kcih, ct.get()), 0);
+  EXPECT_EQ(kcih->ipc_count, 0U);
+}
+
+class holds_v6 : public ipv6_scene {
+ protected:
+  void SetUp() override {
+    if (!kernel_checked) GTEST_SKIP() << "only a checked kernel tells";
+  }
+};
+
+template <typename Entry>
+[[nodiscard]] std::string bytes_of_first(Entry* const* buckets, u32 count, std::size_t size) {
+  Entry* const* found =
+      std::find_if(buckets, buckets + count, [](const Entry* e) { return e != nullptr; });
+  if (found == buckets + count) return "";
+  return {reinterpret_cast<const char*>(*found), size};
+}
+
+TEST_F(holds_v6, leave_nothing_half_made_in_a_table) {
+  const tracked_connection v4(tuple(tcp, inside, peer), tuple(tcp, peer, translated));
+  const tracked6 v6(tcp, inside6, peer6);
+  ::brc learnt = {};
+  learnt.sendif = lan;
+  const struct {
+    const char* name;
+    const void* lock;
+    std::function<void()> add;
+    std::function<std::string()> bytes;
+  } rows[] = {
+      {"IPv4", kcih->ipc_lock, [&] { make_report(source_nat(v4, tcp, false)); },
+       [] {
+         return bytes_of_first(kcih->ipc, ipc_buckets,
+                               static_cast<std::size_t>(ipc_entry_size::no_pppoe));
+       }},
+      {"IPv6", kcih->ipc_v6_lock, [&] { make_report(outbound(v6, tcp)); },
+       [] {
+         return bytes_of_first(kcih->ipc_v6, ipc_v6_buckets,
+                               static_cast<std::size_t>(ipc_v6_entry_size::no_pppoe));
+       }},
+      {"host", &brc_lock, [&] { EXPECT_EQ(_vok_brc_add(kcih, &learnt), 0); },
+       [] { return bytes_of_first(kcih->brc, brc_buckets, sizeof(::brc)); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::string when_released;
+    {
+      const lock_watch watch(row.lock, [&] { when_released = row.bytes(); });
+      row.add();
+    }
+    EXPECT_NE(when_released, "");
+    EXPECT_EQ(when_released, row.bytes());
+  }
+}
 
 TEST_F(holds_v6, one_of_the_lock_adds_and_one_forwards) {
-  if (!kernel_checked) GTEST_SKIP() << "only a checked kernel tells";
   const tracked6 ct(tcp, inside6, peer6);
   {
     const lock_watch watch(kcih->ipc_v6_lock, [&] {

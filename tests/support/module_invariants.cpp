@@ -43,7 +43,10 @@ template <typename Table>
       note_reference(*entry, held);
       const auto key = Table::key_of(*entry);
       if (Table::bucket(key) != bucket) return at("a connection entry in another's chain", bucket);
-      if ((entry->flags & ipc_flag::orphaned) != 0) continue;
+      if ((entry->flags & ipc_flag::orphaned) != 0) {
+        if (entry->ct != nullptr) return at("an orphan that names a connection", bucket);
+        continue;
+      }
       if (const char* rule = broken_in(entry->ct)) return at(rule, bucket);
       auto** first = connection_table<Table>::find(ci, key);
       if (first == nullptr || *first != entry) return at("two connection entries alike", bucket);
