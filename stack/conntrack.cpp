@@ -46,12 +46,28 @@ constexpr found_connection no_connection = {nullptr, IP_CT_DIR_ORIGINAL};
   return tuple.src.l3num == NFPROTO_IPV4;
 }
 
+[[nodiscard]] bool is_reset(const nf_conn* ct) noexcept {
+  return ct->tuple[IP_CT_DIR_ORIGINAL].dst.protonum == wire::ip_protocol::tcp &&
+         ct->tcp.state == TCP_CONNTRACK_CLOSE;
+}
+
 /// The module carries TCP and UDP. A closed connection is not offered to it again: should its path
-/// change in the seconds that it has left, late segments would put it back into the caches.
-[[nodiscard]] bool is_reported(const nf_conn* ct) noexcept {
+/// change in the seconds that it has left, late segments would put it back into the caches. Nor is
+/// one that the other side has not accepted: what comes from there belongs to an earlier one, and
+/// would make this one ripe before it begins.
+[[nodiscard]] bool is_reported(const nf_conn* ct, ip_conntrack_dir dir) noexcept {
   const u8 protocol = ct->tuple[IP_CT_DIR_ORIGINAL].dst.protonum;
   if (protocol == wire::ip_protocol::udp) return true;
-  return protocol == wire::ip_protocol::tcp && ct->tcp.state != TCP_CONNTRACK_CLOSE;
+  if (protocol != wire::ip_protocol::tcp) return false;
+  switch (ct->tcp.state) {
+    case TCP_CONNTRACK_SYN_SENT:
+      return dir == IP_CT_DIR_ORIGINAL;
+    case TCP_CONNTRACK_SYN_SENT2:
+    case TCP_CONNTRACK_CLOSE:
+      return false;
+    default:
+      return true;
+  }
 }
 
 /// The packets of a direction as a hook leaves them: the source is translated last.
@@ -68,7 +84,7 @@ void translate(sk_buff* skb, nf_inet_hooks hook, packet_end end) noexcept {
   const ip_conntrack_dir dir = direction_of(skb);
   if (!is_translated(ct, dir, end)) return;
   const nf_conntrack_tuple translated = tuple_after(ct, dir, hook);
-  if (is_reported(ct)) fast_path_report(skb, hook, &translated);
+  if (is_reported(ct, dir)) fast_path_report(skb, hook, &translated);
   rewrite_end(packet_span(skb), end, translated_end(ct, dir, end));
 }
 
@@ -126,6 +142,8 @@ found_connection connection_tracker::state::place(const tracked_packet& packet,
       connection_life::end(*found.owner);
       return {begin(packet, dev), IP_CT_DIR_ORIGINAL};
     case tcp_outcome::follow:
+      // What the other side has on the way must not prolong the life of a reset connection.
+      if (is_reset(found.owner->ct)) fast_path_take_off(found.owner->ct);
       connection_life::refresh(*found.owner);
       break;
     case tcp_outcome::pass:
@@ -272,7 +290,7 @@ track_verdict connection_tracker::post_routing(sk_buff* skb) {
   c.out[dir] = skb->dev;
   translate(skb, NF_INET_POST_ROUTING, packet_end::source);
   const bool untranslated = (ct->status & (IPS_SRC_NAT | IPS_DST_NAT)) == 0;
-  if (!untranslated || !is_reported(ct)) return track_verdict::accept;
+  if (!untranslated || !is_reported(ct, dir)) return track_verdict::accept;
   if (ct->tuple[dir].src.l3num == NFPROTO_IPV6) {
     fast_path_report_ipv6(skb);
   } else {

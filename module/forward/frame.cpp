@@ -18,7 +18,10 @@ constexpr u32 pushed_headroom = 32;
 fate classify_pppoe(sk_buff* skb, frame* f) {
   skb->fast_flags |= fast_flag::pppoe;
   if (skb_headlen(skb) < f->l3 + wire::pppoe_length) return fate::truncated;
-  const u16 protocol = header_at<wire::pppoe_hdr>(skb, f->l3)->protocol.host();
+  const auto* pppoe = header_at<const wire::pppoe_hdr>(skb, f->l3);
+  const u32 promised = pppoe->length.host() + u32{offsetof(wire::pppoe_hdr, protocol)};
+  if (f->l3 + promised > skb->len) return fate::truncated;
+  const u16 protocol = pppoe->protocol.host();
   u16 type = 0;
   if (protocol == wire::ppp_protocol::ipv4) {
     type = wire::ethertype::ipv4;

@@ -128,20 +128,13 @@ void cut_behind(bytes& f, const placed_packet& p) {
   const std::size_t end = p.end(f);
   if (end >= f.size()) return;
   for (const length_field& length : p.lengths) {
-    if (get16(f, length.at) == f.size() - length.from) {
-      put16(f, length.at, static_cast<u16>(end - length.from));
+    const u16 counted = get16(f, length.at);
+    const std::size_t packet = end - length.from;
+    if (counted > packet && counted <= f.size() - length.from) {
+      put16(f, length.at, static_cast<u16>(packet));
     }
   }
   f.resize(end);
-}
-
-constexpr u16 priority_bits = 0xE000;
-
-void blank_priority(sent_by_port& sent) {
-  constexpr std::size_t type = 2 * wire::mac_length;
-  bytes& f = sent.frame;
-  if (sent.kind != link::ethernet || get16(f, type) != wire::ethertype::vlan) return;
-  put16(f, type + 2, static_cast<u16>(get16(f, type + 2) & ~priority_bits));
 }
 
 void take_one_hop(bytes& f, const placed_packet& p) {
@@ -212,7 +205,6 @@ std::vector<sent_by_port> as_by_stack(std::vector<sent_by_port> routed) {
 
 std::vector<sent_by_port> without_own_numbers(std::vector<sent_by_port> sent) {
   for (sent_by_port& one : sent) {
-    blank_priority(one);
     const std::optional<placed_packet> p = packet_in(one);
     if (!p || p->ipv6 || one.frame[p->ip + ipv4_protocol] != wire::ip_protocol::icmp) continue;
     put16(one.frame, p->ip + ipv4_id, 0);
@@ -228,11 +220,8 @@ std::vector<sent_by_port> without_fragments(const std::vector<sent_by_port>& sen
   for (const sent_by_port& one : sent) {
     const std::optional<placed_packet> p = packet_in(one);
     const u16 field = p && !p->ipv6 ? get16(one.frame, p->ip + ipv4_fragment) & fragment_bits : 0;
-    sent_by_port piece = one;
-    blank_priority(piece);
-    if (field != 0 && last.takes(piece.frame, *p, field)) continue;
+    if (field != 0 && last.takes(one.frame, *p, field)) continue;
     whole.push_back(one);
-    blank_priority(whole.back());
     if (field == wire::ip_frag::more_fragments) last = {&whole.back().frame, *p};
   }
   return whole;

@@ -8,7 +8,6 @@
 //     it in the lengths of the headers that it puts in front;
 //   sends the fragments of an IPv4 datagram as they come, which the stack puts together and cuts
 //     anew;
-//   puts another priority into the tags of frames whose wrapping it changes;
 //
 // and nothing else. Frames that it has handed back, and frames that are bridged, must leave alike.
 #pragma once

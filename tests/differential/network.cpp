@@ -191,28 +191,55 @@ packet network::wrap_ethernet(const far_end& from, const std::string& to, small_
   return frame;
 }
 
-packet network::wrap(const far_end& from, small_random& random) {
+packet network::wrap(const far_end& from, bool ipv6, small_random& random, bool in_wrong_session) {
   constexpr ppp_framing framings[] = {ppp_framing::full, ppp_framing::without_address,
                                       ppp_framing::compressed, ppp_framing::compressed_address};
   constexpr u16 l2tp_words[] = {0x0002, 0x4002, 0x0802, 0x4802};
   if (from.kind == link_kind::rawip) return {};
-  if (from.kind < link_kind::pppoe) return wrap_ethernet(from, from.router_mac, random);
-
+  if (from.kind < link_kind::pppoe) {
+    return wrap_ethernet(from, from.router_mac, random)
+        .type(ipv6 ? wire::ethertype::ipv6 : wire::ethertype::ipv4);
+  }
   const far_end& below = ends[from.beneath];
-  packet frame = wrap(below, random);
-  if (from.kind == link_kind::pppoe) return frame.pppoe(from.id);
+  const auto id = static_cast<u16>(in_wrong_session ? from.id ^ 1 : from.id);
+  if (from.kind == link_kind::pppoe) {
+    return wrap_ethernet(below, below.router_mac, random)
+        .pppoe(id)
+        .type(ipv6 ? wire::ppp_protocol::ipv6 : wire::ppp_protocol::ipv4);
+  }
+  packet frame = wrap(below, false, random);
   frame.ipv4(below.host4, below.router4).tos(static_cast<u8>(random())).ttl(60);
   const u32 number = sent_++;
   if (from.kind == link_kind::l2tp) {
     frame.udp(l2tp_port, l2tp_port);
     if (random() % 2 == 0) frame.no_checksum();
-    frame.l2tp(one_of(l2tp_words, random), from.id, from.id, static_cast<u16>(number));
+    frame.l2tp(one_of(l2tp_words, random), id, id, static_cast<u16>(number));
   } else if (random() % 2 == 0) {
-    frame.gre(from.id, number, number);
+    frame.gre(id, number, number);
   } else {
-    frame.gre(from.id, number);
+    frame.gre(id, number);
   }
   return frame.ppp(one_of(framings, random));
+}
+
+/// What a packet from there has in front, when that is no tunnel.
+std::size_t network::link_length(const far_end& end) const {
+  if (end.kind == link_kind::pppoe) return link_length(ends[end.beneath]) + wire::pppoe_length;
+  return end.kind == link_kind::vlan ? wire::tagged_ethernet_length : wire::ethernet_length;
+}
+
+void network::promise_more(const far_end& from, bytes& frame, small_random& random) const {
+  if (from.kind != link_kind::pppoe && !from.is_tunnel()) return;
+  const std::size_t below = link_length(ends[from.beneath]);
+  const std::size_t header = from.is_tunnel() ? below + wire::ipv4_min_length : below;
+  const std::size_t l2tp = header + sizeof(wire::udphdr);
+  // PPPoE, GRE and UDP have it in the same place.
+  std::size_t field = header + sizeof(u32);
+  const bool has_length = (get16(frame, l2tp) & l2tp_length_present) != 0;
+  if (from.kind == link_kind::l2tp && has_length && random() % 2 == 0) {
+    field = l2tp + l2tp_message_length;
+  }
+  put16(frame, field, static_cast<u16>(get16(frame, field) + 1 + random() % 64));
 }
 
 }  // namespace tarvelo::test

@@ -32,6 +32,11 @@ template <typename Item, std::size_t Count>
   return items[random() % Count];
 }
 
+template <typename Item>
+[[nodiscard]] const Item& one_of(const std::vector<Item>& items, small_random& random) {
+  return items[random() % items.size()];
+}
+
 /// A host and the link that leads to it.
 struct far_end {
   link_kind kind{};
@@ -55,7 +60,10 @@ struct network {
   explicit network(small_random& random);
 
   /// What the host puts in front of an IP packet, as it reaches the router.
-  [[nodiscard]] packet wrap(const far_end& from, small_random& random);
+  [[nodiscard]] packet wrap(const far_end& from, bool ipv6, small_random& random,
+                            bool in_wrong_session = false);
+  /// Makes a session or tunnel say that there is more in the frame.
+  void promise_more(const far_end& from, bytes& frame, small_random& random) const;
   /// The Ethernet header and tag of a frame for that MAC address.
   [[nodiscard]] static packet wrap_ethernet(const far_end& from, const std::string& to,
                                             small_random& random);
@@ -64,6 +72,7 @@ struct network {
   stack::router_config config;
 
  private:
+  [[nodiscard]] std::size_t link_length(const far_end& end) const;
   [[nodiscard]] std::size_t index_of(const std::string& device) const;
   far_end& add(link_kind kind, std::string device, std::string port, u16 id = 0);
   far_end& add_ppp(link_kind kind, const std::string& device, const std::string& beneath,

@@ -17,7 +17,7 @@ using stack::receive_verdict;
 
 constexpr u32 start = kernel_test::default_start;
 constexpr unsigned shown_at_most = 3;
-constexpr std::size_t shown_bytes = 160;
+constexpr std::size_t shown_bytes = 96;
 
 [[nodiscard]] std::vector<sent_by_port> take_sent(const stack::router_config& config) {
   std::vector<sent_by_port> all;
@@ -55,7 +55,7 @@ struct datagram {
 /// The stack says nothing or tells the sender; the fast path has sent it on.
 [[nodiscard]] bool is_refused(const datagram& d, const flow& f) {
   const step& s = *d.steps.front();
-  const std::string& there = f.side[s.port == f.side[0].from->port ? 0 : 1].to->port;
+  const std::string& there = f.side[s.direction].to->port;
   const auto goes_on = [&there](const sent_by_port& one) { return one.port == there; };
   return d.fast.size() == 1 && goes_on(d.fast.front()) &&
          (d.slow.empty() || (d.slow.size() == 1 && s.what.unchecked));
@@ -81,7 +81,8 @@ void show(const datagram& d, const traffic& what, std::ostream& to) {
      << what.flows[first.flow].name() << "), " << first.what.name << "\n";
   std::vector<sent_by_port> received;
   for (const step* s : d.steps)
-    received.push_back({s->port, s->port == "t0" ? link::ip : link::ethernet, s->frame});
+    received.push_back(
+        {s->by->port, s->by->kind == link_kind::rawip ? link::ip : link::ethernet, s->frame});
   show("received", received, to);
   show("sent with the fast path off", d.slow, to);
   show(d.routed_fast ? "sent by the fast path" : "sent with the fast path on", d.fast, to);
@@ -102,7 +103,7 @@ std::vector<outcome> replay(const traffic& what, bool fast_path) {
     if (!fast_path) static_cast<void>(proc::write_all("vok/enable", "0"));
     for (const step& s : what.steps) {
       kernel_clock::advance_to(start + s.at);
-      sk_buff* skb = make_skb(s.frame, router.device(s.port));
+      sk_buff* skb = make_skb(s.frame, router.device(s.by->port));
       const receive_verdict verdict = in_softirq([&] { return router.receive(skb); });
       all.push_back({verdict, take_sent(what.net.config)});
     }

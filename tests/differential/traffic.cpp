@@ -2,6 +2,7 @@
 #include "tests/differential/traffic.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace tarvelo::test {
 namespace {
@@ -10,6 +11,8 @@ namespace flag = wire::tcp_flag;
 
 /// Packets of a connection before anything peculiar happens: as many as make it ripe.
 constexpr unsigned youth = 26;
+/// Longer than what has ended is remembered, shorter than what goes on may be idle.
+constexpr u32 pause = 20000;
 constexpr u16 first_port = 20000;
 constexpr u16 public_port = 30000;
 constexpr u32 fragment_unit = 8;
@@ -39,6 +42,7 @@ struct change {
   peculiarity what;
   u8 needs;
   void (*make)(packet& p, small_random& random);
+  bool half_closes = false;
 };
 
 constexpr change changes[] = {
@@ -55,7 +59,8 @@ constexpr change changes[] = {
      }},
     {{"fin"},
      of_tcp | in_the_end,
-     [](packet& p, small_random&) { p.flags(flag::fin | flag::ack); }},
+     [](packet& p, small_random&) { p.flags(flag::fin | flag::ack); },
+     true},
     {{"rst"},
      of_tcp | in_the_end,
      [](packet& p, small_random& random) {
@@ -135,6 +140,7 @@ traffic::traffic(u32 seed, unsigned count) : random(seed) {
     if (f.sent >= f.packets && f.waiting.empty())
       live.erase(live.begin() + static_cast<std::ptrdiff_t>(at));
     if (chance(random, 4)) ++now_;
+    if (chance(random, 1500) && std::ranges::none_of(flows, &flow::is_halfway)) now_ += pause;
   }
 }
 
@@ -189,12 +195,8 @@ void traffic::introduce_hosts() {
     const packet question =
         network::wrap_ethernet(end, "FF:FF:FF:FF:FF:FF", random)
             .arp(wire::arp_op::request, end.mac, end.host4, "00:00:00:00:00:00", end.router4);
-    steps.push_back({now_, end.port, question.build(), 0, ++datagrams_, {"arp"}});
+    steps.push_back({now_, &end, question.build(), 0, 0, ++datagrams_, {"arp"}});
   }
-}
-
-void traffic::add_step(u32 flow_number, const flow_side& s, const bytes& frame, peculiarity what) {
-  steps.push_back({now_, s.from->port, frame, flow_number, datagrams_, what});
 }
 
 void traffic::send(u32 flow_number) {
@@ -212,13 +214,58 @@ void traffic::send(u32 flow_number) {
 }
 
 packet traffic::begin(const flow& f, const flow_side& s) {
-  packet p = net.wrap(*s.from, random);
+  packet p;
   if (f.ipv6) {
     p.ipv6(s.source, s.destination);
   } else {
     p.ipv4(s.source, s.destination).id(any_word(random));
   }
   return p.tos(any_byte(random)).ttl(static_cast<u8>(2 + random() % 254));
+}
+
+packet& traffic::add_transport(packet& p, const flow& f, unsigned direction, bool translated) {
+  const flow_side& s = f.side[direction];
+  const flow_side& other = f.side[1 - direction];
+  const u16 source = translated ? other.destination_port : s.source_port;
+  const u16 destination = translated ? other.source_port : s.destination_port;
+  if (!f.tcp) return p.udp(source, destination);
+  const u8 opening = direction == 0 ? flag::syn : flag::syn | flag::ack;
+  return p.tcp(source, destination)
+      .flags(f.sent <= 2 ? opening : flag::ack)
+      .seq(s.sequence, other.sequence);
+}
+
+/// Changes a word so that the checksum becomes 0 once the packet has been translated.
+void traffic::make_sum_zero(bytes& payload, const flow& f, unsigned direction) {
+  const flow_side& other = f.side[1 - direction];
+  packet p = packet().ipv4(other.destination, other.source);
+  const bytes translated = add_transport(p, f, direction, true).raw(payload).build();
+  const std::size_t check = f.tcp ? tcp_checksum : udp_checksum;
+  const u32 sum = get16(payload, 0) + get16(translated, wire::ipv4_min_length + check);
+  put16(payload, 0, static_cast<u16>((sum & 0xFFFF) + (sum >> 16)));
+}
+
+/// A packet comes in the way it should or, rarely, by another link or in another's session.
+void traffic::come_in(u32 flow_number, unsigned direction, const bytes& inner, peculiarity what) {
+  const flow& f = flows[flow_number];
+  const far_end* by = f.side[direction].from;
+  const bool young = f.sent <= youth;
+  const far_end& other = one_of(net.ends, random);
+  // An entry for what comes without a link header gives it to the tunnel's interface, which cannot
+  // tell what it came in.
+  const bool may_stray = by->kind != link_kind::rawip && other.kind != link_kind::rawip;
+  if (!young && may_stray && chance(random, 24)) by = &other;
+  const bool in_wrong_session = !young && chance(random, 48);
+  bytes frame = net.wrap(*by, f.ipv6, random, in_wrong_session).raw(inner).build();
+  if (!young && chance(random, 64)) net.promise_more(*by, frame, random);
+  // Whatever stands behind the packet is none of its own.
+  if (chance(random, 4)) frame.resize(frame.size() + random() % 48, any_byte(random));
+  if (!young && chance(random, 64)) frame.resize(1 + random() % frame.size());
+  if (!young && by->kind != link_kind::rawip && frame.size() > wire::mac_length) {
+    if (chance(random, 128)) frame[0] ^= wire::mac_group_bit;
+    if (chance(random, 128)) frame[wire::mac_length - 1] ^= 0x10;
+  }
+  steps.push_back({now_, by, std::move(frame), flow_number, direction, datagrams_, what});
 }
 
 /// None, few, any, or just as many as get through, and one or two more or less.
@@ -242,47 +289,45 @@ void traffic::send_packet(u32 flow_number, unsigned direction) {
   const bool young = f.sent <= youth;
   // What the router cuts anew has other numbers.
   const bool may_cut = s.from->kind != link_kind::rawip || !s.to->numbered;
-  if (!young && !f.tcp && may_cut && chance(random, 8)) return send_fragments(flow_number, s);
+  if (!young && !f.tcp && may_cut && chance(random, 8))
+    return send_fragments(flow_number, direction);
 
-  const u32 length = payload_for(f, s);
+  const u32 length = f.sent <= 2 ? 0 : payload_for(f, s);
+  bytes payload(length);
+  std::iota(payload.begin(), payload.end(), any_byte(random));
+  if (!f.ipv6 && length >= 2 && chance(random, 8)) make_sum_zero(payload, f, direction);
   packet p = begin(f, s);
-  if (f.tcp) {
-    const u8 opening = direction == 0 ? flag::syn : flag::syn | flag::ack;
-    p.tcp(s.source_port, s.destination_port)
-        .flags(f.sent <= 2 ? opening : flag::ack)
-        .seq(s.sequence, f.side[1 - direction].sequence);
-    s.sequence += f.sent <= 2 ? 1 : length;
-  } else {
-    p.udp(s.source_port, s.destination_port);
-    if (chance(random, 4)) p.no_checksum();
-  }
-  p.payload(f.sent <= 2 ? 0 : length, any_byte(random));
+  add_transport(p, f, direction, false).raw(payload);
+  if (!f.tcp && chance(random, 4)) p.no_checksum();
+  s.sequence += f.sent <= 2 ? 1 : length;
 
-  peculiarity what;
-  if (!young && chance(random, 4)) what = make_peculiar(f, s, p);
-  bytes frame = p.build();
-  // Whatever stands behind the packet is none of its own.
-  if (chance(random, 4)) frame.resize(frame.size() + random() % 48, any_byte(random));
-  if (!young && chance(random, 64)) frame.resize(random() % frame.size());
-  add_step(flow_number, s, frame, what);
+  const peculiarity what = !young && chance(random, 4) ? make_peculiar(f, s, p) : peculiarity{};
+  bytes inner = p.build();
+  if (s.from->kind >= link_kind::pppoe && chance(random, 8)) {
+    inner.resize(inner.size() + random() % 16, any_byte(random));  // a session counts that in
+  }
+  come_in(flow_number, direction, inner, what);
 }
 
-peculiarity traffic::make_peculiar(const flow& f, const flow_side& s, packet& p) {
+peculiarity traffic::make_peculiar(flow& f, const flow_side& s, packet& p) {
   const change& c = one_of(changes, random);
   const bool late = f.sent * 5 > f.packets * 4;
   const bool may_be_unchecked = !s.from->numbered && !s.to->numbered;
   if ((c.needs & of_tcp) != 0 && !f.tcp) return {};
   if ((c.needs & of_udp) != 0 && f.tcp) return {};
   if ((c.needs & of_ipv4) != 0 && f.ipv6) return {};
-  if ((c.needs & in_the_end) != 0 && !late) return {};
+  if ((c.needs & in_the_end) != 0 && !late && !chance(random, 16)) return {};
   if (c.what.unchecked && !may_be_unchecked) return {};
   c.make(p, random);
+  f.half_closed |= c.half_closes;
   return c.what;
 }
 
 /// The fragments of one datagram, in order, each in a frame of its own. They begin alike.
-void traffic::send_fragments(u32 flow_number, const flow_side& s) {
+void traffic::send_fragments(u32 flow_number, unsigned direction) {
   flow& f = flows[flow_number];
+  const flow_side& s = f.side[direction];
+  const packet link = net.wrap(*s.from, f.ipv6, random);
   const packet start = begin(f, s);
   const auto most = static_cast<u32>(1 + random() % 4000);
   const bytes datagram = packet(start).udp(s.source_port, s.destination_port).payload(most).build();
@@ -306,7 +351,13 @@ void traffic::send_fragments(u32 flow_number, const flow_side& s) {
       p.id(id).fragment(static_cast<u16>(at), more).type(wire::ip_protocol::udp);
     }
     p.raw(std::span(data).subspan(at, piece));
-    f.waiting.push_back({0, s.from->port, p.build(), flow_number, datagrams_, {"fragment"}});
+    f.waiting.push_back({0,
+                         s.from,
+                         packet(link).raw(p.build()).build(),
+                         flow_number,
+                         direction,
+                         datagrams_,
+                         {"fragment"}});
   }
   send_waiting(f);
 }
@@ -342,7 +393,13 @@ void traffic::send_bridged(u32 flow_number, unsigned direction) {
       break;
   }
   const u32 length = chance(random, 4) ? s.to->mtu - 30 + random() % 40 : random() % 64;
-  add_step(flow_number, s, p.payload(length, any_byte(random)).build(), {"bridged"});
+  steps.push_back({now_,
+                   s.from,
+                   p.payload(length, any_byte(random)).build(),
+                   flow_number,
+                   direction,
+                   datagrams_,
+                   {"bridged"}});
 }
 
 }  // namespace tarvelo::test

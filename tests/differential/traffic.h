@@ -24,9 +24,10 @@ struct peculiarity {
 
 struct step {
   u32 at;  ///< milliseconds since the first
-  std::string port;
+  const far_end* by;
   bytes frame;
   u32 flow;
+  unsigned direction;
   u32 datagram;  ///< fragments have it in common
   peculiarity what;
 };
@@ -44,8 +45,11 @@ struct flow {
   bool bridged, ipv6, tcp;
   flow_side side[2];
   unsigned sent, packets;    ///< so far, and in all
+  bool half_closed;          ///< and not at its end yet
   std::deque<step> waiting;  ///< the rest of a fragmented datagram
 
+  /// In something that must not last.
+  [[nodiscard]] bool is_halfway() const { return half_closed || !waiting.empty(); }
   [[nodiscard]] std::string name() const;
 };
 
@@ -66,11 +70,14 @@ struct traffic {
   void introduce_hosts();
   void send(u32 flow_number);
   [[nodiscard]] packet begin(const flow& f, const flow_side& s);
-  void add_step(u32 flow_number, const flow_side& s, const bytes& frame, peculiarity what);
+  [[nodiscard]] static packet& add_transport(packet& p, const flow& f, unsigned direction,
+                                             bool translated);
+  static void make_sum_zero(bytes& payload, const flow& f, unsigned direction);
+  void come_in(u32 flow_number, unsigned direction, const bytes& inner, peculiarity what);
   void send_packet(u32 flow_number, unsigned direction);
   void send_bridged(u32 flow_number, unsigned direction);
-  [[nodiscard]] peculiarity make_peculiar(const flow& f, const flow_side& s, packet& p);
-  void send_fragments(u32 flow_number, const flow_side& s);
+  [[nodiscard]] peculiarity make_peculiar(flow& f, const flow_side& s, packet& p);
+  void send_fragments(u32 flow_number, unsigned direction);
   void send_waiting(flow& f);
   [[nodiscard]] u32 payload_for(const flow& f, const flow_side& s);
 

@@ -53,6 +53,9 @@ TEST_F(unwrapped, the_entrys_wrapping_must_be_there) {
   EXPECT_EQ(offer(offered(), lan), fate::encapsulation);
   const packet p = packet().eth(lan_mac, host_mac).pppoe(inside_sid);
   EXPECT_EQ(offer(with_inner(p, false).fragment(0, true).payload(8).build(), lan), fate::fragment);
+  bytes promising = with_inner(p, false).build();
+  ++promising[wire::ethernet_length + pppoe_payload_length + 1];
+  EXPECT_EQ(offer(promising, lan), fate::truncated);
 }
 
 TEST_F(unwrapped, l2tp_must_be_of_the_entrys_session) {
@@ -86,6 +89,8 @@ TEST_F(unwrapped, l2tp_must_be_of_the_entrys_session) {
            .payload(40),
        fate::other_protocol},
       {"inner longer than outer", message(0x0002, inside_ids, own_session).total_length(41),
+       fate::truncated},
+      {"datagram longer than outer", message(0x0002, inside_ids, own_session).udp_length(1000),
        fate::truncated},
       // Not a tunnel, so a UDP flow that is not cached.
       {"with offset", message(0x0202, inside_ids, own_session), fate::no_entry},
@@ -121,6 +126,7 @@ TEST_F(unwrapped, pptp_must_be_a_data_packet_of_the_call) {
       {"version 0", 35, 0x00, fate::tunnelled},
       {"flag bits", 35, 0x09, fate::tunnelled},
       {"other payload", 37, 0x0C, fate::tunnelled},
+      {"more than there is", 38, 0x01, fate::truncated},
       {"other call", 41, 0x00, fate::other_session},
       {"ipv6 in ppp", 49, 0x57, fate::tunnelled},
       {"broken framing", 47, 0x05, fate::tunnelled},

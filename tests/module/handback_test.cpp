@@ -105,7 +105,8 @@ TEST_F(handback, l2tp_inside_udp) {
     fate result;
   } const rows[] = {
       {"plain header", "00 02 00 0a 00 1e ff 03 00 21", fate::version_mismatch},
-      {"with length", "40 02 00 60 00 0a 00 1e ff 03 00 21", fate::version_mismatch},
+      {"with length", "40 02 00 48 00 0a 00 1e ff 03 00 21", fate::version_mismatch},
+      {"with a length beyond the end", "40 02 00 49 00 0a 00 1e ff 03 00 21", fate::truncated},
       {"with sequence", "08 02 00 0a 00 1e 00 00 00 00 ff 03 00 21", fate::version_mismatch},
       {"compressed protocol", "00 02 00 0a 00 1e 21", fate::version_mismatch},
       {"control message", "c8 02 00 0a 00 1e ff 03 00 21", fate::forward},

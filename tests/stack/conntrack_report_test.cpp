@@ -119,8 +119,13 @@ TEST_F(conntrack_report, leaves_out_what_the_module_cannot_carry) {
   outward(packet().ipv4(host, peer).type(47).payload(8));
   to_router(udp_packet(peer, 1, router_address, 2));
   outward(packet().ipv4(host, peer).tcp(1, 2).flags(wire::tcp_flag::syn));
-  EXPECT_EQ(module.adds.size(), 1U);
+  inward(packet().ipv4(peer, host).tcp(2, 1).flags(wire::tcp_flag::ack));
+  inward(packet().ipv4(peer, host).tcp(2, 1).flags(wire::tcp_flag::syn));
+  inward(packet().ipv4(peer, host).tcp(2, 1).flags(wire::tcp_flag::ack));
+  EXPECT_EQ(module.adds.size(), 1U) << "none of these accepts the connection";
+  EXPECT_TRUE(module.deletes.empty());
   outward(packet().ipv4(host, peer).tcp(1, 2).flags(wire::tcp_flag::rst));
+  EXPECT_EQ(module.deletes.size(), 1U) << "late segments would keep a reset connection";
   outward(packet().ipv4(host, peer).tcp(1, 2).flags(wire::tcp_flag::ack));
   EXPECT_EQ(module.adds.size(), 1U) << "a closed connection would be cached again";
 }
@@ -225,9 +230,10 @@ TEST_F(conntrack_report, a_connection_that_another_replaces_is_forgotten_before_
   const nf_conn* old = nf_ct_of(waiting->nfct);
   outward(packet().ipv4(host, peer).tcp(1, 2).flags(rst));
   EXPECT_NE(old->vok_ext, nullptr);
+  EXPECT_EQ(module.deletes.size(), 1U);
 
   ASSERT_FALSE(outward(opening).dropped);
-  EXPECT_EQ(module.deletes.size(), 1U);
+  EXPECT_EQ(module.deletes.size(), 2U);
   EXPECT_EQ(old->vok_ext, nullptr) << "its end would take the new connection off the fast path";
   EXPECT_EQ(module.records, 1);
   in_softirq([&] { kfree_skb(waiting); });
