@@ -22,6 +22,12 @@ extern "C" volatile u32 jiffies;
   return static_cast<s32>(a - b) >= 0;
 }
 
+/// True while fewer than `span` jiffies have passed from `then` to `now`. For a `then` that nobody
+/// looks at for weeks: the comparisons above hold it for the future once it is 2^31 jiffies old.
+[[nodiscard]] constexpr bool time_within(u32 now, u32 then, u32 span) noexcept {
+  return now - then < span;
+}
+
 namespace kernel_clock {
 
 /// Sets `jiffies` without running timers; only while no timer is pending.

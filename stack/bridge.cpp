@@ -45,8 +45,8 @@ bool is_known_way(const net_bridge_fdb_entry* host, const net_bridge_port* from)
 
 br_fdb_fate judge_age(net_bridge_fdb_entry* entry, void*) {
   u32 seen = 0;
-  const u32 now = jiffies;
-  if (fast_path_host_seen(entry, &seen) && !time_after_eq(now, seen + bridge_ageing_time)) {
+  // Never later than now: the clock stands still while a timer runs.
+  if (fast_path_host_seen(entry, &seen) && time_within(jiffies, seen, bridge_ageing_time)) {
     write_once(entry->updated, seen);
     return br_fdb_fate::keep;
   }

@@ -56,7 +56,7 @@ bool source_chooser::choose(const conntrack_table& table, nf_conn* ct, u32 addre
     *port = 0;
     vain_search& memory = memory_of(reply);
     if (memory.was_made && same_tuple(memory.answers, reply) &&
-        !time_after_eq(jiffies, memory.at + vain_search_rest)) {
+        time_within(jiffies, memory.at, vain_search_rest)) {
       return false;
     }
     const nf_conntrack_tuple answers = reply;

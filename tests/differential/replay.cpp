@@ -15,7 +15,7 @@ namespace {
 
 using stack::receive_verdict;
 
-constexpr u32 start = kernel_test::default_start;
+const u32 start = kernel_test::default_start();
 constexpr unsigned shown_at_most = 3;
 constexpr std::size_t shown_bytes = 96;
 

@@ -179,6 +179,11 @@ TEST_F(conntrack_nat, refuses_when_no_port_is_left) {
   EXPECT_TRUE(outward(udp_packet(server, 65535, peer, 53)).dropped);
   pass(1);
   EXPECT_FALSE(outward(udp_packet(server, 65535, peer, 53)).dropped);
+  // Nor does it matter when a sign bit of the clock has changed since.
+  pass(0x48000000);
+  pass(0x48000000);
+  EXPECT_FALSE(outward(udp_packet(host, 5000, peer, 53)).dropped);
+  EXPECT_FALSE(outward(udp_packet(server, 5000, peer, 53)).dropped);
 }
 
 TEST_F(conntrack_nat, picks_up_no_connection_that_needs_translation) {

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "tests/support/kernel_fixture.h"
 
+#include <cstdlib>
 #include <ostream>
+#include <string>
 #include <utility>
 
 #include "kernel/rcupdate.h"
@@ -32,6 +34,11 @@ void log_capture::receive(void* self, klog::level at, const char* text) noexcept
   auto* capture = static_cast<log_capture*>(self);
   const std::lock_guard guard(capture->mutex_);
   capture->lines_.push_back({at, text});
+}
+
+u32 kernel_test::default_start() {
+  const char* const wanted = std::getenv("JIFFIES_START");
+  return wanted != nullptr ? static_cast<u32>(std::stoul(wanted, nullptr, 0)) : 0xFFFFFF00;
 }
 
 kernel_test::kernel_test(u32 start) {
