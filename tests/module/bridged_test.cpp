@@ -78,6 +78,16 @@ TEST_F(bridged, treats_the_tag_as_the_receiver_wants_it) {
   }
 }
 
+TEST_F(bridged, counters_begin_anew_after_32_bits) {
+  cache(sender_mac, in, tag_mode::untag, 0);
+  cache(receiver_mac, out, tag_mode::untag, 0);
+  ethernet_packet = bridge_packet = 0xFFFFFFFF;
+  ASSERT_EQ(offer(ip(link()).build(), in), fate::forward);
+  EXPECT_EQ(control_text("statistics_info"),
+            "ethernet_packet=0,bridge_packet=0,bridge_pool_packet=0,ip_packet=0,"
+            "ip_pool_packet=0\n");
+}
+
 TEST_F(bridged, stays_away_from_what_it_should_not_carry) {
   ::brc* sender = cache(sender_mac, in, tag_mode::untag, 0);
   ::brc* receiver = cache(receiver_mac, out, tag_mode::tag, 7);

@@ -2,6 +2,7 @@
 //
 // What leaves the routed path, byte for byte, against frames that the builder makes from scratch.
 #include "kernel/if_vlan.h"
+#include "kernel/proc_tree.h"
 #include "module/core/counters.h"
 #include "module/forward/entry.h"
 #include "tests/module/module_scene.h"
@@ -180,6 +181,20 @@ TEST_F(routed, drops_when_the_output_device_is_down) {
   EXPECT_EQ(offer(request().build(), lan), fate::forward);
   EXPECT_EQ(ip_packet, 1U);
   EXPECT_EQ(ct.references(), 1);
+}
+
+TEST_F(routed, counters_begin_anew_after_32_bits) {
+  ripen(source_nat(ct, tcp, false));
+  const std::string line =
+      "ethernet_packet=4294967295,bridge_packet=4294967295,"
+      "bridge_pool_packet=4294967295,ip_packet=4294967295,"
+      "ip_pool_packet=4294967295\n";
+  ASSERT_EQ(proc::write_all("vok/statistics_info", line), static_cast<ssize_type>(line.size()));
+  EXPECT_EQ(control_text("statistics_info"), line);
+  ASSERT_EQ(offer(request().build(), lan), fate::forward);
+  EXPECT_EQ(control_text("statistics_info"),
+            "ethernet_packet=0,bridge_packet=4294967295,bridge_pool_packet=4294967295,ip_packet=0,"
+            "ip_pool_packet=4294967295\n");
 }
 
 TEST_F(routed, marks_slow_transmit_while_the_switch_is_on) {

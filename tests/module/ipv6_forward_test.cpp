@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "kernel/if_vlan.h"
+#include "kernel/proc_tree.h"
 #include "module/core/counters.h"
 #include "module/forward/entry.h"
 #include "tests/module/ipv6_scene.h"
@@ -223,6 +224,17 @@ TEST_F(ipv6_routed, keeps_connections_for_fixed_times) {
   pass(999);
   ASSERT_EQ(offer(datagram().build(), lan), fate::forward);
   EXPECT_EQ(nf_ct_expires(datagrams.get()), u32{jiffies} - 999 + 30000);
+}
+
+TEST_F(ipv6_routed, counters_begin_anew_after_32_bits) {
+  constexpr std::string_view line = "ethernet_packet=4294967295,ip_v6_packet 4294967295";
+  ASSERT_EQ(proc::write_all("vok/statistics_forward_ipv6_packet_num", line),
+            static_cast<ssize_type>(line.size()));
+  EXPECT_EQ(control_text("statistics_forward_ipv6_packet_num"),
+            "ethernet_v6_packet=4294967295, ip_v6_packet=4294967295\n");
+  ASSERT_EQ(offer(segment().build(), lan), fate::forward);
+  EXPECT_EQ(control_text("statistics_forward_ipv6_packet_num"),
+            "ethernet_v6_packet=0, ip_v6_packet=0\n");
 }
 
 TEST_F(ipv6_routed, drops_when_the_output_device_is_down) {

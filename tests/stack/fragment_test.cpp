@@ -145,7 +145,9 @@ TEST_F(fragment_test, what_stays_incomplete_goes_after_thirty_seconds) {
   const bytes data = ip_data(72);
   receive("lan0", fragment_of(data, {0, 40}, 1));
   receive("lan0", fragment_of(data, {40, 80}, 2));
-  pass(29999);
+  pass(1);
+  receive("lan0", fragment_of(data, {40, 80}, 3));
+  pass(29998);
   EXPECT_TRUE(sent_on("lan0").empty());
   pass(1);
   // Only the sender of the first fragment learns of it: the other error would quote no ports.
@@ -156,6 +158,8 @@ TEST_F(fragment_test, what_stays_incomplete_goes_after_thirty_seconds) {
 
   receive("lan0", fragment_of(data, {40, 80}, 1));
   EXPECT_TRUE(sent_on("wan0").empty()) << "what has timed out is forgotten";
+  receive("lan0", fragment_of(data, {0, 40}, 3));
+  EXPECT_FRAME_EQ(only_frame_on("wan0"), whole_on_wan(72, 3));
 }
 
 TEST_F(fragment_test, the_number_of_datagrams_and_their_memory_are_bounded) {

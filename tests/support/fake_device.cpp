@@ -2,8 +2,10 @@
 #include "tests/support/fake_device.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "kernel/route.h"
@@ -59,10 +61,14 @@ int fake_device::start_xmit(sk_buff* skb, net_device* dev) {
 }
 
 sk_buff* make_skb(const bytes& frame, net_device* dev, u32 headroom) {
+  static const char* const wanted = std::getenv("FRAME_OFFSET");
+  static const u32 offset = wanted != nullptr ? static_cast<u32>(std::stoul(wanted)) : 0;
   const auto length = static_cast<u32>(frame.size());
   // No room behind the data: a checked build sees who reads there.
-  sk_buff* skb = alloc_skb(headroom + length, GFP_ATOMIC);
+  sk_buff* skb = alloc_skb(offset + headroom + length, GFP_ATOMIC);
   if (skb == nullptr) throw std::bad_alloc();
+  skb->head += offset;
+  skb->data += offset;
   skb_reserve(skb, headroom);
   u8* to = skb_put(skb, length);
   if (length != 0) std::memcpy(to, frame.data(), length);

@@ -73,6 +73,7 @@ inline constexpr u32 receive_headroom = 128;
 
 /// A received buffer: linear, `dev` and `rx_dev` set, `priority` from the tag, all else 0. The
 /// caller owns it.
+/// FRAME_OFFSET in the environment puts each that many bytes further on in memory.
 [[nodiscard]] sk_buff* make_skb(const bytes& frame, net_device* dev,
                                 u32 headroom = receive_headroom);
 /// The data of a buffer.
