@@ -15,7 +15,7 @@
 #include "module/ipc/remove.h"
 #include "module/ipc/table.h"
 #include "tests/concurrency/crowd.h"
-#include "tests/module/ppp_scene.h"
+#include "tests/module/ipv6_scene.h"
 #include "tests/support/module_invariants.h"
 
 namespace tarvelo::test {
@@ -41,6 +41,7 @@ const net_device_ops* forgetting_ops() {
 /// A connection that is ended and made again; `ct` is followed in RCU read sides.
 struct slot {
   u8 protocol;
+  bool v6;
   endpoint client;
   endpoint public_end;
   endpoint server;
@@ -58,7 +59,7 @@ unsigned any_verdict(unsigned, u8, sk_buff*) {
   return verdicts[++calls % std::size(verdicts)];
 }
 
-class module_crowd : public module_scene {
+class module_crowd : public ipv6_scene {
  protected:
   module_crowd() {
     // What goes to the inside leaves by a bridge, so that its entries hold on to its hosts.
@@ -86,6 +87,8 @@ class module_crowd : public module_scene {
 
   void prepare(slot& s, std::size_t number) {
     const auto client_port = static_cast<u16>(first_port + number);
+    s.v6 = number % 4 == 2;
+    if (s.v6) return prepare_v6(s, client_port);
     const bool tunnelled = number % 4 == 0;
     s.protocol = number % 2 == 0 ? tcp : udp;
     s.client = {inside.address, client_port};
@@ -105,6 +108,16 @@ class module_crowd : public module_scene {
     begin(s);
   }
 
+  void prepare_v6(slot& s, u16 client_port) {
+    s.protocol = tcp;
+    s.client = s.public_end = {inside6.address, client_port};
+    s.server = peer6;
+    s.out = wan;
+    s.there = {packet6(ethernet(lan_mac, host_mac), tcp, s.client, s.server).build()};
+    s.back = packet6(ethernet(wan_mac, gateway_mac), tcp, s.server, s.client).build();
+    begin(s);
+  }
+
   [[nodiscard]] static bytes out_of_tunnel(const slot& s) {
     constexpr u16 plain_data = 0x0002;
     return packet()
@@ -121,8 +134,9 @@ class module_crowd : public module_scene {
   }
 
   static void begin(slot& s) {
-    s.owner = std::make_unique<tracked_connection>(tuple(s.protocol, s.client, s.server),
-                                                   tuple(s.protocol, s.server, s.public_end));
+    const auto make = s.v6 ? make_tuple6 : tuple;
+    s.owner = std::make_unique<tracked_connection>(make(s.protocol, s.client, s.server),
+                                                   make(s.protocol, s.server, s.public_end));
     rcu_assign_pointer(s.ct, s.owner->get());
   }
   /// Whoever has a reference makes the end complete.
@@ -165,7 +179,11 @@ class module_crowd : public module_scene {
   }
 
   void report_packet(const slot& s, nf_conn* ct, bool reply) {
-    if (reply) {
+    if (s.v6) {
+      net_device* in = reply ? s.out : lan.get();
+      make_report(report6{reply ? s.back : s.there[0], ct,
+                          reply ? IP_CT_ESTABLISHED_REPLY : IP_CT_ESTABLISHED, in, in});
+    } else if (reply) {
       const packet inner =
           packet_of(s.protocol, wan_mac, gateway_mac, s.server, s.public_end).payload(8);
       make_report({inner.build(), ct, &ct->ct_general, NF_INET_PRE_ROUTING, IP_CT_ESTABLISHED_REPLY,
@@ -191,11 +209,17 @@ class module_crowd : public module_scene {
   }
 
   static void remove_by_key(vok_handle* ci, const slot& s) {
-    static_cast<void>(_vok_ipc_delete(ci, ip4(s.server.address), ip4(s.public_end.address),
-                                      s.protocol, wire::htons(s.server.port),
-                                      wire::htons(s.public_end.port)));
-    static_cast<void>(_vok_ipc_delete(ci, ip4(s.client.address), ip4(s.server.address), s.protocol,
-                                      wire::htons(s.client.port), wire::htons(s.server.port)));
+    remove_by_key(ci, s, s.client, s.server);
+    remove_by_key(ci, s, s.server, s.public_end);
+  }
+  static void remove_by_key(vok_handle* ci, const slot& s, endpoint from, endpoint to) {
+    const u16 sport = wire::htons(from.port), dport = wire::htons(to.port);
+    if (s.v6) {
+      std::ignore = _vok_ipc_v6_delete(ci, ip6(from.address), ip6(to.address), tcp, sport, dport);
+    } else {
+      std::ignore =
+          _vok_ipc_delete(ci, ip4(from.address), ip4(to.address), s.protocol, sport, dport);
+    }
   }
 
   void remove(small_random& random) {
@@ -248,14 +272,22 @@ class module_crowd : public module_scene {
     vok_handle* ci = rcu_dereference(kcih);
     if (ci == nullptr) return;
     const slot& s = any_slot(random);
-    const ipc_entry* entry =
-        ci->_vok_ipc_lkup(ci, ip4(s.server.address), ip4(s.public_end.address), s.protocol,
-                          wire::htons(s.server.port), wire::htons(s.public_end.port), 0);
+    const u16 sport = wire::htons(s.server.port), dport = wire::htons(s.public_end.port);
+    const ipc_entry* entry = nullptr;
+    const ipc_v6_entry* entry6 = nullptr;
+    if (s.v6) {
+      entry6 =
+          _vok_ipc_v6_lkup(ci, ip6(s.server.address), ip6(s.client.address), tcp, sport, dport);
+    } else {
+      entry = ci->_vok_ipc_lkup(ci, ip4(s.server.address), ip4(s.public_end.address), s.protocol,
+                                sport, dport, 0);
+    }
     const ::brc& guest = hosts_[random() % hosts_.size()];
     const ::brc* cached = ci->_vok_brc_lkup_brid(ci, guest.dmac, guest.bridgeID);
     for (int i = 0; i < 3; ++i) {
       std::this_thread::yield();
-      EXPECT_TRUE(entry == nullptr || entry->dport == wire::htons(s.public_end.port));
+      EXPECT_TRUE(entry == nullptr || entry->dport == dport);
+      EXPECT_TRUE(entry6 == nullptr || entry6->dport == dport);
       EXPECT_TRUE(entry == nullptr || entry->sendif != nullptr);
       EXPECT_TRUE(cached == nullptr || memcmp(cached->dmac, guest.dmac, sizeof guest.dmac) == 0);
     }
@@ -273,8 +305,9 @@ class module_crowd : public module_scene {
     const std::scoped_lock turn(module_turn_);
     vok_handle* ci = rcu_dereference(kcih);
     if (ci == nullptr) return;
+    constexpr u8 families[] = {2, 10};
     auto ops = std::make_unique<vok_hook_ops>(
-        vok_hook_ops{{}, any_verdict, nullptr, 2, random() % 4, 0, "crowd"});
+        vok_hook_ops{{}, any_verdict, nullptr, families[random() % 2], random() % 4, 0, "crowd"});
     EXPECT_EQ(ci->_vok_register_hook(ci, ops.get()), 0);
     rest(random, 1);
     ci->_vok_unregister_hook(ci, ops.get());

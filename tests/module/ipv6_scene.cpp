@@ -55,13 +55,18 @@ u32 make_report(const report6& r) {
   skb->fast_flags = r.fast_flags;
   skb->network_header = static_cast<u16>(skb_headroom(skb) + wire::ethernet_length);
   skb->transport_header = static_cast<u16>(skb_headroom(skb) + r.l4);
-  if (r.ct != nullptr) r.ct->attach(skb, r.info);
+  if (r.ct != nullptr) {
+    nf_conntrack_get(&r.ct->ct_general);
+    skb->nfct = &r.ct->ct_general;
+    skb->nfctinfo = r.info;
+  }
   return in_softirq([&] {
     const auto* ip = reinterpret_cast<const wire::ipv6hdr*>(skb_network_header(skb));
     if (r.routed) {
       EXPECT_EQ(ip6_route_input(skb, &ip->daddr), 0);
     }
-    kcih->__ipv6_conntrack_ipc_add(kcih, skb);
+    vok_handle* ci = rcu_dereference(kcih);
+    ci->__ipv6_conntrack_ipc_add(ci, skb);
     const u32 flags = skb->fast_flags;
     kfree_skb(skb);
     return flags;
@@ -90,12 +95,12 @@ packet fragment6(packet link, u32 id, u16 word, endpoint from, endpoint to, u8 p
 }
 
 report6 ipv6_scene::outbound(const tracked_connection& ct, u8 protocol) {
-  return {packet6(ethernet(lan_mac, host_mac), protocol, inside6, peer6).build(), &ct,
+  return {packet6(ethernet(lan_mac, host_mac), protocol, inside6, peer6).build(), ct.get(),
           IP_CT_ESTABLISHED, lan, lan};
 }
 
 report6 ipv6_scene::inbound(const tracked_connection& ct, u8 protocol) {
-  return {packet6(ethernet(wan_mac, gateway_mac), protocol, peer6, inside6).build(), &ct,
+  return {packet6(ethernet(wan_mac, gateway_mac), protocol, peer6, inside6).build(), ct.get(),
           IP_CT_ESTABLISHED_REPLY, wan, wan};
 }
 

@@ -70,7 +70,7 @@ class pppoe_line {
 /// One report to the IPv6 add. The route is looked up by the frame's destination.
 struct report6 {
   bytes frame;
-  const tracked_connection* ct;  ///< null: the buffer carries none
+  nf_conn* ct;  ///< null: the buffer carries none
   ip_conntrack_info info;
   net_device* dev;
   net_device* rx_dev;
