@@ -25,10 +25,6 @@ bool is_forwarding(const net_bridge_port* port) noexcept {
   return read_once(port->state) == BR_STATE_FORWARDING;
 }
 
-bool is_for_router(const u8* mac, const net_bridge_port* port) noexcept {
-  return same_mac(mac, port->br->dev->dev_addr) || same_mac(mac, port->dev->dev_addr);
-}
-
 /// The entry of a host behind that very port; null when it is not known there.
 net_bridge_fdb_entry* host_behind(const net_bridge_port* port, const u8* mac) noexcept {
   net_bridge_fdb_entry* entry = br_fdb_find(port->br, mac);
@@ -117,7 +113,7 @@ bridge_decision bridge::input(sk_buff* skb, net_bridge_port* port) {
   if (is_group_mac(eth->h_dest)) {
     return bridge_flood(skb, br_, port) ? bridge_decision::flooded : bridge_decision::up;
   }
-  if (is_for_router(eth->h_dest, port)) return bridge_decision::up;
+  if (is_for_bridge(eth->h_dest, port)) return bridge_decision::up;
   return bridge_send(skb, br_, port) ? bridge_decision::forwarded : bridge_decision::dropped;
 }
 
@@ -167,11 +163,15 @@ void bridge::age(unsigned long self) {
   if (aged->knows_hosts()) aged->start_ageing();
 }
 
+bool is_for_bridge(const u8* mac, const net_bridge_port* port) noexcept {
+  return same_mac(mac, port->br->dev->dev_addr) || same_mac(mac, port->dev->dev_addr);
+}
+
 bool bridge_may_offer(const sk_buff* skb, const net_bridge_port* port, bool foreign_tag) noexcept {
   const wire::ethhdr* eth = ethernet_header(skb);
   net_bridge_fdb_entry* sender = host_behind(port, eth->h_source);
   if (sender == nullptr || !is_forwarding(port)) return false;
-  if (is_for_router(eth->h_dest, port)) {
+  if (is_for_bridge(eth->h_dest, port)) {
     // The module does not note the senders of what it routes. One store for each tick, not frame.
     const u32 now = jiffies;
     if (read_once(sender->updated) != now) write_once(sender->updated, now);

@@ -69,6 +69,9 @@ class bridge {
   timer_list ageing_{};  ///< runs while a host is known
 };
 
+/// True for the MAC address of the port's bridge, or of the port itself. No lock.
+[[nodiscard]] bool is_for_bridge(const u8* mac, const net_bridge_port* port) noexcept;
+
 /// True when a frame that has come in on a bridge's port may be offered to the fast path: it goes
 /// from a host that is known behind this port to the bridge itself, to its port, or (unless a tag
 /// that is no VLAN device's makes it a mere passenger) to a host behind another port that the

@@ -5,8 +5,11 @@
 #include "kernel/wire/ethernet.h"
 #include "kernel/wire/gre.h"
 #include "kernel/wire/ip.h"
+#include "kernel/wire/l2tp.h"
 #include "kernel/wire/ppp.h"
+#include "kernel/wire/transport.h"
 #include "stack/published_handle.h"
+#include "stack/stack_core.h"
 
 namespace tarvelo::stack {
 
@@ -39,15 +42,32 @@ u32 ipv4_offset(const sk_buff* skb) noexcept {
   return at + wire::pppoe_length;
 }
 
-/// Offset of the PPP frame in a PPTP packet.
-u32 pptp_payload_offset(const sk_buff* skb) noexcept {
-  const u32 l3 = ipv4_offset(skb);
-  if (l3 == not_there) return not_there;
-  const auto* ip = header_at<wire::iphdr>(skb, l3);
-  if (ip == nullptr || ip->protocol != wire::ip_protocol::gre) return not_there;
-  const u32 at = l3 + ip->header_length();
+/// A PPTP data packet whose header is at `at`.
+bool pptp_must_stay(const vok_handle* handle, const sk_buff* skb, const wire::iphdr* ip, u32 at) {
   const auto* gre = header_at<wire::pptp_gre_hdr>(skb, at);
-  return gre != nullptr && gre->is_pptp_data() ? at + gre->length() : not_there;
+  if (gre == nullptr || !gre->is_pptp_data()) return false;
+  if (core().ppp.find_pptp(ip->daddr, ip->saddr, gre->call_id) == nullptr) return true;
+  const u32 payload = at + gre->length();
+  if (skb_headlen(skb) < payload + wire::ppp_max_length) return false;
+  const u8* ppp = skb->data + payload;
+  return handle->_vok_pptp_control_packet(ppp) != 0 || handle->_vok_pptp_compress_packet(ppp) != 0;
+}
+
+bool is_between_ends(const wire::iphdr* ip, const wire::udphdr* udp, const l2tp_params& params) {
+  return ip->saddr.raw() == params.remote_ip && ip->daddr.raw() == params.local_ip &&
+         udp->source.raw() == params.remote_port && udp->dest.raw() == params.local_port;
+}
+
+/// A datagram whose header is at `at`.
+bool l2tp_must_stay(const sk_buff* skb, const wire::iphdr* ip, u32 at) {
+  const u32 message = at + static_cast<u32>(sizeof(wire::udphdr));
+  const auto* word = header_at<wire::be16>(skb, message);
+  if (word == nullptr || !wire::l2tp_is_data(word->host())) return false;
+  const auto* ids = header_at<wire::l2tp_ids>(skb, message + wire::l2tp_ids_offset(word->host()));
+  if (ids == nullptr) return false;
+  const ppp_session* session = core().ppp.find_l2tp(ids->tunnel_id, ids->session_id);
+  if (session == nullptr) return false;
+  return !is_between_ends(ip, header_at<wire::udphdr>(skb, at), session->l2tp());
 }
 
 }  // namespace
@@ -58,11 +78,18 @@ void fast_path_sweep(const ppp_session& session) noexcept {
   if (handle) handle->session_delete_ipc(handle.get(), session.l2tp().l2tp_session);
 }
 
-bool is_tunnel_control(const vok_handle* handle, const sk_buff* skb) noexcept {
-  const u32 at = pptp_payload_offset(skb);
-  if (at == not_there || skb_headlen(skb) < at + wire::ppp_max_length) return false;
-  const u8* ppp = skb->data + at;
-  return handle->_vok_pptp_control_packet(ppp) != 0 || handle->_vok_pptp_compress_packet(ppp) != 0;
+bool is_for_tunnel_end(const vok_handle* handle, const sk_buff* skb) noexcept {
+  const u32 l3 = ipv4_offset(skb);
+  const auto* ip = l3 != not_there ? header_at<wire::iphdr>(skb, l3) : nullptr;
+  if (ip == nullptr) return false;
+  switch (ip->protocol) {
+    case wire::ip_protocol::gre:
+      return pptp_must_stay(handle, skb, ip, l3 + ip->header_length());
+    case wire::ip_protocol::udp:
+      return l2tp_must_stay(skb, ip, l3 + ip->header_length());
+    default:
+      return false;
+  }
 }
 
 }  // namespace tarvelo::stack

@@ -15,9 +15,10 @@ namespace tarvelo::stack {
 /// nothing enters again. Process context.
 void fast_path_sweep(const ppp_session& session) noexcept;
 
-/// True for a frame with a PPTP packet inside which the module says is PPP control or compressed
-/// data: only the ends of the tunnel understand it. `data` at the Ethernet header, or at the IP
-/// header if the device has none. RCU read side, no lock.
-[[nodiscard]] bool is_tunnel_control(const vok_handle* handle, const sk_buff* skb) noexcept;
+/// True for a frame with a tunnel's packet that only the ends of the tunnel understand, PPP control
+/// and compressed data in PPTP as the module says, or that does not come from its other end: the
+/// module looks at nothing but the ids. `data` at the Ethernet header, or at the IP header if the
+/// device has none. RCU read side, no lock.
+[[nodiscard]] bool is_for_tunnel_end(const vok_handle* handle, const sk_buff* skb) noexcept;
 
 }  // namespace tarvelo::stack

@@ -27,16 +27,17 @@ const ppp_session* find_session(const net_device* dev, const wire::pppoe_hdr* pp
 
 }  // namespace
 
-bool is_known_session_frame(const sk_buff* skb, const net_device* dev) noexcept {
+session_frame session_frame_of(const sk_buff* skb, const net_device* dev) noexcept {
   const auto* eth = reinterpret_cast<const wire::vlan_ethhdr*>(skb->data);
   const u32 available = skb_headlen(skb);
-  if (available < wire::tagged_ethernet_length + wire::pppoe_length) return false;
+  if (available < wire::tagged_ethernet_length + wire::pppoe_length) return session_frame::none;
   const bool tagged = eth->h_vlan_proto.host() == wire::ethertype::vlan;
   const wire::be16 type = tagged ? eth->h_vlan_encapsulated_proto : eth->h_vlan_proto;
-  if (type.host() != wire::ethertype::pppoe_session) return false;
+  if (type.host() != wire::ethertype::pppoe_session) return session_frame::none;
   const u32 at = tagged ? wire::tagged_ethernet_length : wire::ethernet_length;
   const auto* pppoe = reinterpret_cast<const wire::pppoe_hdr*>(skb->data + at);
-  return find_session(dev, pppoe, eth->h_source) != nullptr;
+  const bool known = find_session(dev, pppoe, eth->h_source) != nullptr;
+  return known ? session_frame::known : session_frame::unknown;
 }
 
 receive_verdict input_pppoe(sk_buff* skb) {

@@ -10,10 +10,16 @@
 
 namespace tarvelo::stack {
 
-/// True for a session frame, tagged or not, that comes from the other end of a session on `dev`:
-/// the layer-3 device that a frame with this tag belongs to. `data` at the Ethernet header. No
-/// lock.
-[[nodiscard]] bool is_known_session_frame(const sk_buff* skb, const net_device* dev) noexcept;
+enum class session_frame : u8 {
+  none,
+  known,
+  unknown,
+};
+
+/// Tells a session frame, tagged or not, and whether it comes from the other end of a session on
+/// `dev`: the layer-3 device that a frame with this tag belongs to. `data` at the Ethernet header.
+/// No lock.
+[[nodiscard]] session_frame session_frame_of(const sk_buff* skb, const net_device* dev) noexcept;
 
 /// Takes a session frame: `data` at the PPPoE header, `mac_header` at the Ethernet header, `dev`
 /// the Ethernet or VLAN device it is for. Bytes behind the frame (padding) are cut off. Stack's

@@ -59,7 +59,7 @@ bool taken_by_fast_path(sk_buff* skb) noexcept {
   if (!read_once(core().offering)) return false;
   vok_handle* handle = rcu_dereference(kcih);
   if (handle == nullptr || read_once(handle->enable) == 0) return false;
-  if (is_tunnel_control(handle, skb)) return false;
+  if (is_for_tunnel_end(handle, skb)) return false;
   count_once(counters().offered);
   const net_device* dev = skb->dev;
   const std::optional<fragment_view> fragment = fragment_to_follow(skb);
@@ -84,6 +84,13 @@ bool may_be_offered(const sk_buff* skb, const frame_place& place) noexcept {
   return same_mac(to, place.dev->dev_addr);
 }
 
+/// A session frame for the router that does not come from the other end of one of its sessions: the
+/// module would look at nothing but the number. What crosses a bridge is not the router's.
+bool is_of_strange_session(const sk_buff* skb, const frame_place& place, session_frame session) {
+  if (session != session_frame::unknown) return false;
+  return place.port == nullptr || is_for_bridge(ethernet_header(skb)->h_dest, place.port);
+}
+
 receive_verdict receive_ethernet(sk_buff* skb) {
   if (!is_proper_frame(skb)) return discard(skb);
   const frame_place place = place_of(skb);
@@ -91,8 +98,10 @@ receive_verdict receive_ethernet(sk_buff* skb) {
   offered_frame as_offered{};
   if (may_be_offered(skb, place)) {
     const net_device* dev = place.port != nullptr ? place.port->br->dev : place.dev;
-    if (is_known_session_frame(skb, dev)) skb->fast_flags |= fast_flag::received_on_ppp;
-    if (taken_by_fast_path(skb)) return receive_verdict::fast;
+    const session_frame session = session_frame_of(skb, dev);
+    if (session == session_frame::known) skb->fast_flags |= fast_flag::received_on_ppp;
+    const bool strange = is_of_strange_session(skb, place, session);
+    if (!strange && taken_by_fast_path(skb)) return receive_verdict::fast;
     as_offered = note_offered(skb);
   }
   const stack_guard guard;

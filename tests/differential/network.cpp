@@ -54,7 +54,8 @@ network::network(small_random& random) {
   }
   add_session("p0", "e3", random);
   add_session("p1", "e4.60", random);
-  for (const char* below : {"e1", "e2.10", "p0", "p1"}) {
+  add_session("p2", bridge, random);
+  for (const char* below : {"e1", "e2.10", bridge, "p0", "p1"}) {
     add_tunnel(link_kind::l2tp, std::string("l-") + below, below, random);
     add_tunnel(link_kind::pptp, std::string("g-") + below, below, random);
   }
@@ -191,7 +192,8 @@ packet network::wrap_ethernet(const far_end& from, const std::string& to, small_
   return frame;
 }
 
-packet network::wrap(const far_end& from, bool ipv6, small_random& random, bool in_wrong_session) {
+packet network::wrap(const far_end& from, bool ipv6, small_random& random,
+                     std::optional<u16> session) {
   constexpr ppp_framing framings[] = {ppp_framing::full, ppp_framing::without_address,
                                       ppp_framing::compressed, ppp_framing::compressed_address};
   constexpr u16 l2tp_words[] = {0x0002, 0x4002, 0x0802, 0x4802};
@@ -201,7 +203,7 @@ packet network::wrap(const far_end& from, bool ipv6, small_random& random, bool 
         .type(ipv6 ? wire::ethertype::ipv6 : wire::ethertype::ipv4);
   }
   const far_end& below = ends[from.beneath];
-  const auto id = static_cast<u16>(in_wrong_session ? from.id ^ 1 : from.id);
+  const u16 id = session.value_or(from.id);
   if (from.kind == link_kind::pppoe) {
     return wrap_ethernet(below, below.router_mac, random)
         .pppoe(id)

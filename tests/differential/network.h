@@ -6,6 +6,7 @@
 // (its MTU, the options of its tunnel, translation) is drawn by lot.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -59,9 +60,10 @@ struct far_end {
 struct network {
   explicit network(small_random& random);
 
-  /// What the host puts in front of an IP packet, as it reaches the router.
+  /// What the host puts in front of an IP packet, as it reaches the router; in another session than
+  /// its own, if one is given.
   [[nodiscard]] packet wrap(const far_end& from, bool ipv6, small_random& random,
-                            bool in_wrong_session = false);
+                            std::optional<u16> session = std::nullopt);
   /// Makes a session or tunnel say that there is more in the frame.
   void promise_more(const far_end& from, bytes& frame, small_random& random) const;
   /// The Ethernet header and tag of a frame for that MAC address.

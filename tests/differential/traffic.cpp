@@ -35,7 +35,8 @@ enum needs : u8 {
   of_tcp = 1,
   of_udp = 2,
   of_ipv4 = 4,
-  in_the_end = 8
+  in_the_end = 8,
+  rarely = 16,  ///< before
 };
 
 struct change {
@@ -62,7 +63,7 @@ constexpr change changes[] = {
      [](packet& p, small_random&) { p.flags(flag::fin | flag::ack); },
      true},
     {{"rst"},
-     of_tcp | in_the_end,
+     of_tcp | rarely,
      [](packet& p, small_random& random) {
        p.flags(chance(random, 2) ? flag::rst : flag::rst | flag::ack);
      }},
@@ -140,7 +141,7 @@ traffic::traffic(u32 seed, unsigned count) : random(seed) {
     if (f.sent >= f.packets && f.waiting.empty())
       live.erase(live.begin() + static_cast<std::ptrdiff_t>(at));
     if (chance(random, 4)) ++now_;
-    if (chance(random, 1500) && std::ranges::none_of(flows, &flow::is_halfway)) now_ += pause;
+    if (chance(random, 300) && std::ranges::none_of(flows, &flow::is_halfway)) now_ += pause;
   }
 }
 
@@ -155,7 +156,7 @@ void traffic::add_flow() {
   flow f{};
   f.ipv6 = !a->is_tunnel() && !b->is_tunnel() && chance(random, 4);
   f.tcp = chance(random, 2);
-  f.packets = 80 + random() % 160;
+  f.packets = 100 + random() % 200;
   const auto port = static_cast<u16>(first_port + number);
   const u16 service = one_of(services, random);
   const std::string& from = f.ipv6 ? a->host6 : a->host4;
@@ -254,9 +255,14 @@ void traffic::come_in(u32 flow_number, unsigned direction, const bytes& inner, p
   // An entry for what comes without a link header gives it to the tunnel's interface, which cannot
   // tell what it came in.
   const bool may_stray = by->kind != link_kind::rawip && other.kind != link_kind::rawip;
-  if (!young && may_stray && chance(random, 24)) by = &other;
-  const bool in_wrong_session = !young && chance(random, 48);
-  bytes frame = net.wrap(*by, f.ipv6, random, in_wrong_session).raw(inner).build();
+  std::optional<u16> session;
+  if (!young && may_stray && chance(random, 24)) {
+    if (other.kind == by->kind) session = by->id;
+    by = &other;
+  } else if (!young && chance(random, 48)) {
+    session = other.id;
+  }
+  bytes frame = net.wrap(*by, f.ipv6, random, session).raw(inner).build();
   if (!young && chance(random, 64)) net.promise_more(*by, frame, random);
   // Whatever stands behind the packet is none of its own.
   if (chance(random, 4)) frame.resize(frame.size() + random() % 48, any_byte(random));
@@ -316,7 +322,8 @@ peculiarity traffic::make_peculiar(flow& f, const flow_side& s, packet& p) {
   if ((c.needs & of_tcp) != 0 && !f.tcp) return {};
   if ((c.needs & of_udp) != 0 && f.tcp) return {};
   if ((c.needs & of_ipv4) != 0 && f.ipv6) return {};
-  if ((c.needs & in_the_end) != 0 && !late && !chance(random, 16)) return {};
+  if ((c.needs & in_the_end) != 0 && !late) return {};
+  if ((c.needs & rarely) != 0 && !late && !chance(random, 8)) return {};
   if (c.what.unchecked && !may_be_unchecked) return {};
   c.make(p, random);
   f.half_closed |= c.half_closes;

@@ -49,7 +49,9 @@ struct flow {
   std::deque<step> waiting;  ///< the rest of a fragmented datagram
 
   /// In something that must not last.
-  [[nodiscard]] bool is_halfway() const { return half_closed || !waiting.empty(); }
+  [[nodiscard]] bool is_halfway() const {
+    return (half_closed && sent < packets) || !waiting.empty();
+  }
   [[nodiscard]] std::string name() const;
 };
 
