@@ -67,6 +67,13 @@ br_fdb_fate report_host(net_bridge_fdb_entry* entry, void*) {
   return br_fdb_fate::keep;
 }
 
+br_fdb_fate report_host_as_new(net_bridge_fdb_entry* entry, void*) {
+  if (entry->is_local) return br_fdb_fate::keep;
+  fast_path_host_gone(entry);
+  fast_path_host_learnt(entry);
+  return br_fdb_fate::keep;
+}
+
 /// Several devices of a bridge may share one address.
 bool insert_local(net_bridge* br, net_bridge_port* port, const u8* mac) noexcept {
   const int error = br_fdb_insert_local(br, port, mac);
@@ -160,7 +167,15 @@ void bridge::age(unsigned long self) {
   const stack_guard guard;
   auto* aged = reinterpret_cast<bridge*>(self);
   aged->hosts_have_gone(br_fdb_age(aged->br_, bridge_ageing_time, judge_age, nullptr));
+  if (!time_within(jiffies, aged->renewed_, bridge_renewal_time)) aged->renew_reports();
   if (aged->knows_hosts()) aged->start_ageing();
+}
+
+/// What has been cached of the hosts is older than them now, so it goes and comes again as well.
+void bridge::renew_reports() {
+  renewed_ = jiffies;
+  br_fdb_sweep(br_, report_host_as_new, nullptr);
+  path_has_changed(br_->dev);
 }
 
 bool is_for_bridge(const u8* mac, const net_bridge_port* port) noexcept {

@@ -11,6 +11,9 @@
 //
 // When a host moves or is forgotten, the connections that have used the bridge device are taken off
 // the fast path: their entries may name the port that the host was behind.
+//
+// The module holds a connection for older than its host when the clock's 32 bits cannot tell any
+// more. So that it never comes to that, all hosts are reported as new every bridge_renewal_time.
 #pragma once
 
 #include "kernel/if_bridge.h"
@@ -23,6 +26,8 @@ namespace tarvelo::stack {
 inline constexpr u32 bridge_ageing_time = 300 * HZ;
 /// Between two looks at the ages, jiffies: a host is forgotten that much late at the most.
 inline constexpr u32 bridge_ageing_step = 10 * HZ;
+/// Half of the 2^31 jiffies within which the module can compare two instants.
+inline constexpr u32 bridge_renewal_time = 1U << 30;
 
 /// What became of a frame that came in on a port.
 enum class bridge_decision : u8 {
@@ -62,11 +67,13 @@ class bridge {
   static void age(unsigned long self);
   [[nodiscard]] bool learn(net_bridge_port* port, const u8* sender);
   void start_ageing();
+  void renew_reports();
   void hosts_have_gone(u32 count);
   [[nodiscard]] bool knows_hosts() const noexcept { return read_once(br_->fdb_count) != 0; }
 
   net_bridge* br_;
-  timer_list ageing_{};  ///< runs while a host is known
+  timer_list ageing_{};    ///< runs while a host is known
+  u32 renewed_ = jiffies;  ///< when all hosts were last reported as new
 };
 
 /// True for the MAC address of the port's bridge, or of the port itself. No lock.

@@ -231,6 +231,27 @@ TEST_F(bridge_report_test, a_host_that_the_fast_path_hears_is_not_forgotten) {
   EXPECT_EQ(told().size(), 2U);
 }
 
+// The module compares instants that are less than 2^31 milliseconds apart.
+TEST_F(bridge_report_test, a_host_that_is_known_for_weeks_is_reported_anew) {
+  const auto live_for = [this](u32 milliseconds) {
+    for (u32 lived = 0; lived < milliseconds; lived += stack::bridge_ageing_time / 2) {
+      announce(1, lan0);
+      announce(2, lan1);
+      pass(stack::bridge_ageing_time / 2);
+    }
+  };
+  live_for(stack::bridge_renewal_time - stack::bridge_ageing_time);
+  names once = {"+ 1 lan0", "+ 2 lan1"};
+  EXPECT_EQ(told(), once);
+  live_for(2 * stack::bridge_ageing_time);
+  names again = told();
+  std::ranges::sort(again);
+  once.insert(once.end(), {"- 1", "- 2"});
+  EXPECT_EQ(again, once);
+  live_for(2 * stack::bridge_ageing_time);
+  EXPECT_EQ(told(), names{});
+}
+
 TEST_F(bridge_report_test, a_port_that_goes_down_takes_its_hosts_along) {
   announce(1, lan0);
   announce(2, lan1);
