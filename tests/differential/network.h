@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "stack/config.h"
-#include "tests/kernel/small_random.h"
+#include "tests/differential/lots.h"
 #include "tests/support/packet_builder.h"
 
 namespace tarvelo::test {
@@ -27,16 +27,6 @@ enum class link_kind : u8 {
 };
 inline constexpr const char* link_names[] = {"ethernet", "vlan", "bridged", "pppoe",
                                              "l2tp",     "pptp", "raw ip"};
-
-template <typename Item, std::size_t Count>
-[[nodiscard]] Item one_of(const Item (&items)[Count], small_random& random) {
-  return items[random() % Count];
-}
-
-template <typename Item>
-[[nodiscard]] const Item& one_of(const std::vector<Item>& items, small_random& random) {
-  return items[random() % items.size()];
-}
 
 /// A host and the link that leads to it.
 struct far_end {

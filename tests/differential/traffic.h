@@ -10,17 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "tests/differential/changes.h"
 #include "tests/differential/network.h"
 
 namespace tarvelo::test {
-
-/// What is special about a packet, as a report names it.
-struct peculiarity {
-  const char* name = "plain";
-  /// The stack refuses it, but the fast path does not look: hop counts, checksums, the order of
-  /// TCP flags and lengths behind the IP header are for the receiver.
-  bool unchecked = false;
-};
 
 struct step {
   u32 at;  ///< milliseconds since the first
