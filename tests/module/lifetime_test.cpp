@@ -279,6 +279,10 @@ TEST_F(unload_order, ends_with_the_last_deferred_free) {
   auto loaded = loaded_module::load_linked(init_module, counting_exit, &__this_module, &error);
   ::brc known = {};
   ASSERT_EQ(_vok_brc_add(kcih, &known), 0);
+  // Whoever frees it is busy for a moment.
+  callback_head busy{};
+  call_rcu(&busy,
+           [](callback_head*) { std::this_thread::sleep_for(std::chrono::milliseconds(100)); });
   _vok_brc_delete(kcih, known.dmac, known.bridgeID);
   ASSERT_TRUE(loaded->unload());
   EXPECT_EQ(left_by_exit, before);
