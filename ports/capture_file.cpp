@@ -67,8 +67,10 @@ std::optional<captured_frame> capture_reader::next() {
                         pcap_geterr(file_.get()) + "; capture it again or cut it off there");
   }
   ++frames_;
+  // A file's seconds have 32 bits and no sign, but libpcap shows those from 2038 on as negative.
+  const auto seconds = static_cast<u32>(header->ts.tv_sec);
   // libpcap leaves nanoseconds in the field that is named after microseconds.
-  const s64 time = s64{header->ts.tv_sec} * nanoseconds_per_second + header->ts.tv_usec;
+  const s64 time = s64{seconds} * nanoseconds_per_second + header->ts.tv_usec;
   return captured_frame{time, {bytes, header->caplen}};
 }
 

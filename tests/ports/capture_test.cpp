@@ -34,12 +34,14 @@ class capture_test : public test::kernel_test {
     return {std::istreambuf_iterator<char>(in), {}};
   }
 
-  /// Two frames of 3 and 60 bytes, at 1.5 s and at 2.000001 s.
+  static constexpr s64 late = 0xF000'0000LL * 1'000'000'000 + 1'000;
+
+  /// Two frames of 3 and 60 bytes, at 1.5 s and in the year 2097.
   std::string two_frames(link_layer link = link_layer::ethernet) {
     const std::string file = path("two.pcap");
     capture_writer writer(file, link);
     writer.write(1'500'000'000, bytes{1, 2, 3});
-    writer.write(2'000'001'000, bytes(60, 9));
+    writer.write(late, bytes(60, 9));
     writer.close();
     return file;
   }
@@ -68,7 +70,7 @@ TEST_F(capture_test, what_is_written_is_read_back) {
     EXPECT_EQ(bytes(first->bytes.begin(), first->bytes.end()), (bytes{1, 2, 3}));
     const auto second = reader.next();
     ASSERT_TRUE(second);
-    EXPECT_EQ(second->time, 2'000'001'000);
+    EXPECT_EQ(second->time, late);
     EXPECT_EQ(second->bytes.size(), 60U);
     EXPECT_FALSE(reader.next());
     EXPECT_FALSE(reader.next());
