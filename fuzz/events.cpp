@@ -154,6 +154,7 @@ class story {
     hook_.pf = input_.one_of(families);
     hook_.hooknum = input_.byte() % vok_hook_points_used;
     hook_.name = "fuzz";
+    next_verdict = VOK_ACCEPT;  // an earlier one may be no answer for this point
     hooked_ = ci->_vok_register_hook(ci, &hook_) == 0;
   }
 
